@@ -2,4 +2,8 @@
 // parameter classes.
 #pragma once
 
+#include <tsuops/basic.h>
+#include <tsuops/catalogue.h>
+#include <tsuops/float16.h>
+#include <tsuops/types.h>
 #include <tsuops/version.h>

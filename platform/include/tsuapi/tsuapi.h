@@ -93,6 +93,10 @@ struct function_info {
     void add_param(Context* ctx, std::string s);
 };
 
+// A C string prints between double quotes, unlike other pointers.
+template <>
+void function_info::add_param<char>(Context* ctx, char* str);
+
 // A scratch pool with a stack discipline over one block of device memory.
 class BufferMgr {
 public:
