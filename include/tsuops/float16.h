@@ -1,5 +1,13 @@
 // The 16-bit storage types of host code. Arithmetic happens in float after
 // widening; a result is narrowed once, by the rules of this header.
+//
+// Rounding modes, read from the environment on the first narrowing of each
+// kind and kept for the life of the process (values are lower-cased):
+//   float16:  TSUAPI_BF16_FP16_MODE if set, else TSUAPI_FP16_MODE, else "tsu2".
+//             Only "tsu3" keeps subnormal results; every other value flushes
+//             them to a zero of the same sign.
+//   bfloat16: TSUAPI_BF16_ROUND_MODE, default "rne". Only "rn" rounds ties
+//             away from zero; every other value rounds ties to even.
 #pragma once
 
 #include <cstdint>
@@ -35,7 +43,7 @@ struct float16 {
 
     float16() = default;
     // Round to nearest even; subnormal results flush to zero unless the
-    // float16 mode is "tsu3" (TSUAPI_BF16_FP16_MODE / TSUAPI_FP16_MODE).
+    // float16 mode is "tsu3".
     float16(float f);
     static constexpr float16 from_bits(std::uint16_t bits) {
         float16 h{};
@@ -51,7 +59,7 @@ struct bfloat16 {
 
     bfloat16() = default;
     // NaN gives 0x7fc0. Ties go to even, or away from zero when force_rn is
-    // set or the bfloat16 mode (TSUAPI_BF16_ROUND_MODE) is "rn".
+    // set or the bfloat16 mode is "rn".
     bfloat16(float f, bool force_rn = false);
     static constexpr bfloat16 from_bits(std::uint16_t bits) {
         bfloat16 h{};
@@ -71,4 +79,13 @@ std::uint16_t float_to_half_bits_rne(float f);
 bool fp16_mode_is_tsu3();
 // True when the cached bfloat16 mode is "rn" (reads the environment once).
 bool bf16_mode_is_rn();
+
+// Array forms of the conversions, for host loops: each gives, element for
+// element, the bits that the scalar conversion gives, but tests the mode once
+// per call and runs vectorised. src and dst must not overlap; n <= 0 does
+// nothing.
+void narrow(const float* src, float16* dst, long n);
+void narrow(const float* src, bfloat16* dst, long n, bool force_rn = false);
+void widen(const float16* src, float* dst, long n);
+void widen(const bfloat16* src, float* dst, long n);
 }  // namespace infer_ops
