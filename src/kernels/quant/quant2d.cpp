@@ -1,0 +1,176 @@
+#include "kernels/quant/quant2d.h"
+
+#include <algorithm>
+#include <type_traits>
+
+#include <tsuops/float16.h>
+
+#include "frame/quant_rules.h"
+#include "kernels/grid.h"
+
+namespace {
+
+namespace quant = infer_ops::quant;
+
+// Elements widened at a time on the streaming path: a few KiB of floats,
+// which stay in the first-level cache between the widening and their use.
+constexpr long kChunk = 1024;
+
+// n elements of x as floats: float rows as they are, 16-bit rows widened
+// into buf by the library's vectorised array conversion. The rule loops of
+// quant_rules.h vectorise over float input; a widening inside the same loop
+// would keep them scalar.
+template <typename T>
+inline const float* as_floats(const T* x, long n, float* buf) {
+    if constexpr (std::is_same_v<T, float>) {
+        return x;
+    } else {
+        infer_ops::widen(x, buf, n);
+        return buf;
+    }
+}
+
+// One row of any length straight from memory: a pass for the absolute
+// maximum, then a pass for the conversion, chunk by chunk.
+template <typename T>
+inline void quantise_row(const T* x, signed char* y, float* scale, long n, float start) {
+    alignas(64) float buf[kChunk];
+    float s = start;
+    for (long j = 0; j < n; j += kChunk) {
+        const long len = std::min(kChunk, n - j);
+        s = quant::absmax(as_floats(x + j, len, buf), len, s);
+    }
+    *scale = s;
+    for (long j = 0; j < n; j += kChunk) {
+        const long len = std::min(kChunk, n - j);
+        quant::quantize_span(as_floats(x + j, len, buf), y + j, len, s);
+    }
+}
+
+// One row of at most Cap elements, widened once into an on-chip stage and
+// read from there by both passes. A float row needs no stage.
+template <typename T, long Cap>
+inline void quantise_row_staged(const T* x, signed char* y, float* scale, long n, float start) {
+    if constexpr (std::is_same_v<T, float>) {
+        quantise_row(x, y, scale, n, start);
+    } else {
+        alignas(64) float stage[Cap];
+        infer_ops::widen(x, stage, n);
+        const float s = quant::absmax(stage, n, start);
+        *scale = s;
+        quant::quantize_span(stage, y, n, s);
+    }
+}
+
+// Contiguous rows per core over the whole grid, so each host thread of the
+// emulator walks one stretch of memory.
+template <typename Row>
+inline void rows_over_grid(long m, Row&& row) {
+    const auto [b, e] = tsuops::kernels::core_share(m);
+    for (long r = b; r < e; ++r) row(r);
+}
+
+}  // namespace
+
+namespace tsu3 {
+
+template <typename T>
+void infer_quant2d(const T* x, signed char* y, float* scale, long m, long n, long ld) {
+    rows_over_grid(m, [&](long r) { quantise_row(x + r * ld, y + r * n, scale + r, n, quant::kScaleFloor); });
+}
+
+// Fewer rows than clusters: the first core of a cluster takes a row, so the
+// rows land on different clusters (and different host threads). A body
+// cannot wait for its neighbours, so the row's maximum and its conversion
+// stay with one core.
+template <typename T>
+void infer_quant2d_smallm(const T* x, signed char* y, float* scale, long m, long n, long ld) {
+    if (tsuemu::core_id() != 0) return;
+    for (long r = tsuemu::cluster_id(); r < m; r += tsuemu::cluster_count()) {
+        quantise_row(x + r * ld, y + r * n, scale + r, n, quant::kScaleFloor);
+    }
+}
+
+template <typename T, int N, int K>
+void infer_quant2d_midm(const T* x, signed char* y, float* scale, long m, long n, long ld) {
+    static_assert(K == tsuops::kernels::quant2d_tiles<T>(N));
+    rows_over_grid(m, [&](long r) {
+        quantise_row_staged<T, N>(x + r * ld, y + r * n, scale + r, n, quant::kScaleFloor);
+    });
+}
+
+template <typename T, int N, int K>
+void infer_quant2d_bigm(const T* x, signed char* y, float* scale, long m, long n, long ld) {
+    static_assert(K == tsuops::kernels::quant2d_tiles<T>(N));
+    rows_over_grid(m, [&](long r) {
+        quantise_row_staged<T, N>(x + r * ld, y + r * n, scale + r, n, quant::kScaleFloor);
+    });
+}
+
+template <typename T, bool A, bool F>
+void infer_quant2d_gmx(const T* x, signed char* y, float* scale, long m, long n, long ld) {
+    constexpr float start = F ? quant::kScaleFloor : 0.0f;
+    rows_over_grid(m, [&](long r) {
+        if constexpr (A) {
+            quantise_row_staged<T, 8192>(x + r * ld, y + r * n, scale + r, n, start);
+        } else {
+            quantise_row(x + r * ld, y + r * n, scale + r, n, start);
+        }
+    });
+}
+
+}  // namespace tsu3
+
+TSU_KERNEL_DEFINE(infer_quant2d)
+TSU_KERNEL_INSTANCE(infer_quant2d, float16)
+TSU_KERNEL_INSTANCE(infer_quant2d, float)
+TSU_KERNEL_INSTANCE(infer_quant2d, bfloat16)
+
+TSU_KERNEL_DEFINE(infer_quant2d_smallm)
+TSU_KERNEL_INSTANCE(infer_quant2d_smallm, float16)
+TSU_KERNEL_INSTANCE(infer_quant2d_smallm, float)
+TSU_KERNEL_INSTANCE(infer_quant2d_smallm, bfloat16)
+
+// Only N = 1536 is selected; the longer midm rows are catalogue entries.
+TSU_KERNEL_DEFINE(infer_quant2d_midm)
+TSU_KERNEL_INSTANCE(infer_quant2d_midm, float16, 1536, 1)
+TSU_KERNEL_INSTANCE(infer_quant2d_midm, float16, 6144, 4)
+TSU_KERNEL_INSTANCE(infer_quant2d_midm, float16, 12288, 8)
+TSU_KERNEL_INSTANCE(infer_quant2d_midm, float16, 24576, 16)
+TSU_KERNEL_INSTANCE(infer_quant2d_midm, float, 1536, 4)
+TSU_KERNEL_INSTANCE(infer_quant2d_midm, float, 6144, 8)
+TSU_KERNEL_INSTANCE(infer_quant2d_midm, float, 12288, 16)
+TSU_KERNEL_INSTANCE(infer_quant2d_midm, float, 24576, 32)
+TSU_KERNEL_INSTANCE(infer_quant2d_midm, bfloat16, 1536, 1)
+TSU_KERNEL_INSTANCE(infer_quant2d_midm, bfloat16, 6144, 4)
+TSU_KERNEL_INSTANCE(infer_quant2d_midm, bfloat16, 12288, 8)
+TSU_KERNEL_INSTANCE(infer_quant2d_midm, bfloat16, 24576, 16)
+
+TSU_KERNEL_DEFINE(infer_quant2d_bigm)
+TSU_KERNEL_INSTANCE(infer_quant2d_bigm, float16, 1536, 1)
+TSU_KERNEL_INSTANCE(infer_quant2d_bigm, float16, 6144, 4)
+TSU_KERNEL_INSTANCE(infer_quant2d_bigm, float16, 12288, 8)
+TSU_KERNEL_INSTANCE(infer_quant2d_bigm, float16, 24576, 16)
+TSU_KERNEL_INSTANCE(infer_quant2d_bigm, float, 1536, 4)
+TSU_KERNEL_INSTANCE(infer_quant2d_bigm, float, 6144, 8)
+TSU_KERNEL_INSTANCE(infer_quant2d_bigm, float, 12288, 16)
+TSU_KERNEL_INSTANCE(infer_quant2d_bigm, float, 24576, 32)
+TSU_KERNEL_INSTANCE(infer_quant2d_bigm, bfloat16, 1536, 1)
+TSU_KERNEL_INSTANCE(infer_quant2d_bigm, bfloat16, 6144, 4)
+TSU_KERNEL_INSTANCE(infer_quant2d_bigm, bfloat16, 12288, 8)
+TSU_KERNEL_INSTANCE(infer_quant2d_bigm, bfloat16, 24576, 16)
+
+// quant2d passes F = true; the F = false forms are catalogue entries.
+TSU_KERNEL_DEFINE(infer_quant2d_gmx)
+TSU_KERNEL_INSTANCE(infer_quant2d_gmx, float16, true, true)
+TSU_KERNEL_INSTANCE(infer_quant2d_gmx, float16, false, true)
+TSU_KERNEL_INSTANCE(infer_quant2d_gmx, float16, true, false)
+TSU_KERNEL_INSTANCE(infer_quant2d_gmx, float16, false, false)
+TSU_KERNEL_INSTANCE(infer_quant2d_gmx, float, true, true)
+TSU_KERNEL_INSTANCE(infer_quant2d_gmx, float, false, true)
+TSU_KERNEL_INSTANCE(infer_quant2d_gmx, float, true, false)
+TSU_KERNEL_INSTANCE(infer_quant2d_gmx, float, false, false)
+TSU_KERNEL_INSTANCE(infer_quant2d_gmx, bfloat16, true, true)
+TSU_KERNEL_INSTANCE(infer_quant2d_gmx, bfloat16, false, true)
+TSU_KERNEL_INSTANCE(infer_quant2d_gmx, bfloat16, true, false)
+TSU_KERNEL_INSTANCE(infer_quant2d_gmx, bfloat16, false, false)
