@@ -5,6 +5,7 @@
 #include <tsuops/basic.h>
 #include <tsuops/catalogue.h>
 #include <tsuops/float16.h>
+#include <tsuops/norm.h>
 #include <tsuops/quant.h>
 #include <tsuops/types.h>
 #include <tsuops/version.h>

@@ -1,0 +1,47 @@
+#include "kernels/layer_norm/layer_norm.h"
+
+#include "kernels/grid.h"
+#include "kernels/layer_norm/norm_rows.h"
+
+namespace tsu3 {
+
+template <typename T, typename TW, bool P>
+void infer_layer_norm(float eps, long m, long n, const T* x, T* y, const TW* scale, const TW* bias,
+                      bool kernel_flag) {
+    namespace nk = tsuops::kernels::norm;
+    const auto [b, e] = tsuops::kernels::core_share(m);
+    for (long i = b; i < e; ++i) {
+        nk::layer_row<T, TW, nk::kRowChunk>(x + i * n, y + i * n, n, eps, scale, bias, P);
+    }
+}
+
+template <typename T, typename TW>
+void infer_ops_layer_norm_infer(float eps, long m, long n, const T* x, T* y, const TW* scale, const TW* bias,
+                                float* mean, float* var, bool is_rstd) {
+    namespace nk = tsuops::kernels::norm;
+    const auto [b, e] = tsuops::kernels::core_share(m);
+    for (long i = b; i < e; ++i) {
+        const nk::row_stats st = nk::layer_row<T, TW, nk::kRowChunk>(x + i * n, y + i * n, n, eps, scale, bias, false);
+        if (mean != nullptr) mean[i] = st.mean;
+        if (var != nullptr) var[i] = is_rstd ? st.rstd : st.var;
+    }
+}
+
+}  // namespace tsu3
+
+TSU_KERNEL_DEFINE(infer_layer_norm)
+TSU_KERNEL_INSTANCE(infer_layer_norm, float16, float16, false)
+TSU_KERNEL_INSTANCE(infer_layer_norm, float16, float16, true)
+TSU_KERNEL_INSTANCE(infer_layer_norm, float16, float, false)
+TSU_KERNEL_INSTANCE(infer_layer_norm, float16, float, true)
+TSU_KERNEL_INSTANCE(infer_layer_norm, bfloat16, bfloat16, false)
+TSU_KERNEL_INSTANCE(infer_layer_norm, bfloat16, bfloat16, true)
+TSU_KERNEL_INSTANCE(infer_layer_norm, bfloat16, float, false)
+TSU_KERNEL_INSTANCE(infer_layer_norm, bfloat16, float, true)
+TSU_KERNEL_INSTANCE(infer_layer_norm, float, float, false)
+TSU_KERNEL_INSTANCE(infer_layer_norm, float, float, true)
+
+TSU_KERNEL_DEFINE(infer_ops_layer_norm_infer)
+TSU_KERNEL_INSTANCE(infer_ops_layer_norm_infer, float16, float16)
+TSU_KERNEL_INSTANCE(infer_ops_layer_norm_infer, float16, float)
+TSU_KERNEL_INSTANCE(infer_ops_layer_norm_infer, float, float)
