@@ -2,6 +2,7 @@
 #include <cctype>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include <tsuops/float16.h>
@@ -38,76 +39,128 @@ const std::string& get_env_bf16_round_mode() {
     return mode;
 }
 
+// The conversions are written once, over a lane type: U is std::uint32_t
+// (with F float) for the scalar forms, or a vector of eight lanes for the
+// array forms, so that the two cannot drift apart. Selections are bit masks,
+// which keeps every lane on the same straight-line code. The vector helpers
+// are always inlined, so the calling convention of 32-byte vectors in a
+// build without AVX never applies to them.
+#pragma GCC diagnostic ignored "-Wpsabi"
+using u32x8 = std::uint32_t __attribute__((vector_size(32)));
+using i32x8 = std::int32_t __attribute__((vector_size(32)));
+using f32x8 = float __attribute__((vector_size(32)));
+using u16x8 = std::uint16_t __attribute__((vector_size(16)));
+
+[[gnu::always_inline]] inline std::uint32_t as_mask(bool c) { return 0u - static_cast<std::uint32_t>(c); }
+[[gnu::always_inline]] inline u32x8 as_mask(const i32x8& c) { return reinterpret_cast<const u32x8&>(c); }
+
+template <class U>
+[[gnu::always_inline]] inline U select(const U& mask, const U& a, const U& b) {
+    return (a & mask) | (b & ~mask);
+}
+
+template <class U>
+[[gnu::always_inline]] inline U splat(std::uint32_t v) {
+    return U{} + v;
+}
+
 // The branch-free narrowing: round to nearest even, overflow to infinity,
-// subnormals kept, every NaN to the quiet 0x7e00 under its own sign. The
-// scalar and the array forms share it so that they cannot drift apart.
-[[gnu::always_inline]] inline std::uint32_t half_rne(std::uint32_t w) {
-    const std::uint32_t shl1 = w << 1;
-    const std::uint32_t sign = (w >> 16) & 0x8000u;
-    const float base = (std::bit_cast<float>(w & 0x7fffffffu) * 0x1p112f) * 0x1p-110f;
-    std::uint32_t bias = shl1 & 0xff000000u;
-    bias = bias < 0x71000000u ? 0x71000000u : bias;
-    const float v = std::bit_cast<float>((bias >> 1) + 0x7800000u) + base;
-    const std::uint32_t bits = std::bit_cast<std::uint32_t>(v);
-    std::uint32_t nonsign = ((bits >> 13) & 0x7c00u) + (bits & 0xfffu);
-    nonsign = shl1 > 0xff000000u ? 0x7e00u : nonsign;
+// subnormals kept, every NaN to the quiet 0x7e00 under its own sign.
+template <class U, class F>
+[[gnu::always_inline]] inline U half_rne(const U& w) {
+    const U shl1 = w << 1;
+    const U sign = (w >> 16) & 0x8000u;
+    const F base = (std::bit_cast<F>(w & 0x7fffffffu) * 0x1p112f) * 0x1p-110f;
+    U bias = shl1 & 0xff000000u;
+    bias = select(as_mask(bias < 0x71000000u), splat<U>(0x71000000u), bias);
+    const F v = std::bit_cast<F>((bias >> 1) + 0x7800000u) + base;
+    const U bits = std::bit_cast<U>(v);
+    U nonsign = ((bits >> 13) & 0x7c00u) + (bits & 0xfffu);
+    nonsign = select(as_mask(shl1 > 0xff000000u), splat<U>(0x7e00u), nonsign);
     return sign | nonsign;
 }
 
 // Outside "tsu3" a result with a zero exponent field becomes a signed zero.
-[[gnu::always_inline]] inline std::uint32_t half_flush(std::uint32_t r) {
-    return (r & 0x7c00u) == 0 ? (r & 0x8000u) : r;
+template <class U>
+[[gnu::always_inline]] inline U half_flush(const U& r) {
+    return select(as_mask((r & 0x7c00u) == 0u), r & 0x8000u, r);
 }
 
-[[gnu::always_inline]] inline std::uint32_t bf16_round(std::uint32_t w, bool rn) {
-    const std::uint32_t r = rn ? (w + 0x8000u) >> 16 : (w + 0x7fffu + ((w >> 16) & 1u)) >> 16;
-    return (w & 0x7fffffffu) > 0x7f800000u ? 0x7fc0u : r;
+template <class U>
+[[gnu::always_inline]] inline U bf16_round(const U& w, bool rn) {
+    const U r = rn ? (w + 0x8000u) >> 16 : (w + 0x7fffu + ((w >> 16) & 1u)) >> 16;
+    return select(as_mask((w & 0x7fffffffu) > 0x7f800000u), splat<U>(0x7fc0u), r);
 }
 
-[[gnu::always_inline]] inline float half_widen(std::uint32_t h) {
-    const std::uint32_t two_w = h << 17;
-    const float sub = std::bit_cast<float>((two_w >> 17) | 0x3f000000u) - 0.5f;
-    const float nor = std::bit_cast<float>((two_w >> 4) | 0x70000000u) * 0x1p-112f;
-    const std::uint32_t mag = std::bit_cast<std::uint32_t>(two_w < 0x8000000u ? sub : nor);
-    return std::bit_cast<float>(mag | ((h & 0x8000u) << 16));
+template <class U, class F>
+[[gnu::always_inline]] inline F half_widen(const U& h) {
+    const U two_w = h << 17;
+    const F sub = std::bit_cast<F>((two_w >> 17) | 0x3f000000u) - 0.5f;
+    const F nor = std::bit_cast<F>((two_w >> 4) | 0x70000000u) * 0x1p-112f;
+    const U mag = select(as_mask(two_w < 0x8000000u), std::bit_cast<U>(sub), std::bit_cast<U>(nor));
+    return std::bit_cast<F>(mag | ((h & 0x8000u) << 16));
 }
 
-// The loops below are written for the auto-vectoriser. The AVX2 clones are
-// picked at load time where the CPU has it; AVX2 brings no fused
-// multiply-add, so no clone can contract the narrowing's multiply and add
-// into one rounding and differ from the scalar form.
+[[gnu::always_inline]] inline u32x8 load8(const float* p) {
+    u32x8 v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+template <class H>
+[[gnu::always_inline]] inline u32x8 load8(const H* p) {
+    u16x8 v;
+    std::memcpy(&v, p, sizeof v);
+    return __builtin_convertvector(v, u32x8);
+}
+
+template <class H>
+[[gnu::always_inline]] inline void store8(H* p, const u32x8& v) {
+    const u16x8 n = __builtin_convertvector(v, u16x8);
+    std::memcpy(p, &n, sizeof n);
+}
+
+[[gnu::always_inline]] inline void store8(float* p, const f32x8& v) { std::memcpy(p, &v, sizeof v); }
+
+// Eight lanes at a time, the rest one by one through the same lane code.
+// The AVX2 clone is picked at load time where the CPU has it. A clone with
+// fused multiply-add would still give the same bits: where the narrowing's
+// last multiply is inexact (a subnormal product) it is far too small to move
+// the rounding of the addition that follows.
 #define TSUOPS_HALF_CLONES __attribute__((target_clones("avx2", "default")))
 
-TSUOPS_HALF_CLONES void narrow_half_keep(const float* __restrict src, float16* __restrict dst, long n) {
-    for (long i = 0; i < n; ++i) {
-        dst[i].x = static_cast<std::uint16_t>(half_rne(std::bit_cast<std::uint32_t>(src[i])));
+template <bool flush>
+TSUOPS_HALF_CLONES void narrow_half(const float* src, float16* dst, long n) {
+    long i = 0;
+    for (; i + 8 <= n; i += 8) {
+        u32x8 r = half_rne<u32x8, f32x8>(load8(src + i));
+        if (flush) r = half_flush(r);
+        store8(dst + i, r);
+    }
+    for (; i < n; ++i) {
+        std::uint32_t r = half_rne<std::uint32_t, float>(std::bit_cast<std::uint32_t>(src[i]));
+        if (flush) r = half_flush(r);
+        dst[i].x = static_cast<std::uint16_t>(r);
     }
 }
 
-TSUOPS_HALF_CLONES void narrow_half_flush(const float* __restrict src, float16* __restrict dst, long n) {
-    for (long i = 0; i < n; ++i) {
-        dst[i].x = static_cast<std::uint16_t>(half_flush(half_rne(std::bit_cast<std::uint32_t>(src[i]))));
-    }
+template <bool rn>
+TSUOPS_HALF_CLONES void narrow_bf16(const float* src, bfloat16* dst, long n) {
+    long i = 0;
+    for (; i + 8 <= n; i += 8) store8(dst + i, bf16_round(load8(src + i), rn));
+    for (; i < n; ++i) dst[i].x = static_cast<std::uint16_t>(bf16_round(std::bit_cast<std::uint32_t>(src[i]), rn));
 }
 
-TSUOPS_HALF_CLONES void narrow_bf16_even(const float* __restrict src, bfloat16* __restrict dst, long n) {
-    for (long i = 0; i < n; ++i) {
-        dst[i].x = static_cast<std::uint16_t>(bf16_round(std::bit_cast<std::uint32_t>(src[i]), false));
-    }
+TSUOPS_HALF_CLONES void widen_half(const float16* src, float* dst, long n) {
+    long i = 0;
+    for (; i + 8 <= n; i += 8) store8(dst + i, half_widen<u32x8, f32x8>(load8(src + i)));
+    for (; i < n; ++i) dst[i] = half_widen<std::uint32_t, float>(src[i].x);
 }
 
-TSUOPS_HALF_CLONES void narrow_bf16_away(const float* __restrict src, bfloat16* __restrict dst, long n) {
-    for (long i = 0; i < n; ++i) {
-        dst[i].x = static_cast<std::uint16_t>(bf16_round(std::bit_cast<std::uint32_t>(src[i]), true));
-    }
-}
-
-TSUOPS_HALF_CLONES void widen_half(const float16* __restrict src, float* __restrict dst, long n) {
-    for (long i = 0; i < n; ++i) dst[i] = half_widen(src[i].x);
-}
-
-TSUOPS_HALF_CLONES void widen_bf16(const bfloat16* __restrict src, float* __restrict dst, long n) {
-    for (long i = 0; i < n; ++i) dst[i] = std::bit_cast<float>(static_cast<std::uint32_t>(src[i].x) << 16);
+TSUOPS_HALF_CLONES void widen_bf16(const bfloat16* src, float* dst, long n) {
+    long i = 0;
+    for (; i + 8 <= n; i += 8) store8(dst + i, std::bit_cast<f32x8>(load8(src + i) << 16));
+    for (; i < n; ++i) dst[i] = std::bit_cast<float>(static_cast<std::uint32_t>(src[i].x) << 16);
 }
 
 }  // namespace
@@ -115,7 +168,7 @@ TSUOPS_HALF_CLONES void widen_bf16(const bfloat16* __restrict src, float* __rest
 namespace infer_ops {
 
 std::uint16_t float_to_half_bits_rne(float f) {
-    return static_cast<std::uint16_t>(half_rne(std::bit_cast<std::uint32_t>(f)));
+    return static_cast<std::uint16_t>(half_rne<std::uint32_t, float>(std::bit_cast<std::uint32_t>(f)));
 }
 
 // The comparison is cached with the string it is made from, so a conversion
@@ -134,9 +187,9 @@ void narrow(const float* src, float16* dst, long n) {
     const bool keep = fp16_mode_is_tsu3();
     if (n <= 0) return;
     if (keep) {
-        narrow_half_keep(src, dst, n);
+        narrow_half<false>(src, dst, n);
     } else {
-        narrow_half_flush(src, dst, n);
+        narrow_half<true>(src, dst, n);
     }
 }
 
@@ -146,9 +199,9 @@ void narrow(const float* src, bfloat16* dst, long n, bool force_rn) {
     const bool away = bf16_mode_is_rn() || force_rn;
     if (n <= 0) return;
     if (away) {
-        narrow_bf16_away(src, dst, n);
+        narrow_bf16<true>(src, dst, n);
     } else {
-        narrow_bf16_even(src, dst, n);
+        narrow_bf16<false>(src, dst, n);
     }
 }
 
@@ -163,7 +216,7 @@ void widen(const bfloat16* src, float* dst, long n) {
 }  // namespace infer_ops
 
 __attribute__((weak)) float16::float16(float f) {
-    const std::uint32_t r = half_rne(std::bit_cast<std::uint32_t>(f));
+    const std::uint32_t r = half_rne<std::uint32_t, float>(std::bit_cast<std::uint32_t>(f));
     x = static_cast<std::uint16_t>(infer_ops::fp16_mode_is_tsu3() ? r : half_flush(r));
 }
 
