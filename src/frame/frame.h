@@ -89,6 +89,11 @@ void dump_one(ContextStackGuard& g, Context* ctx, const std::vector<T*>& v) {
     g.info.add_param(ctx, v);
 }
 
+template <typename T>
+void dump_one(ContextStackGuard& g, Context* ctx, const api::VectorParam<T>& v) {
+    g.info.params.push_back(api::ornet_param_to_str(ctx, v));
+}
+
 // Profile, dump and trace phases: the name and type strings, one entry per
 // argument and the L3 size last, then the trace. Nothing when the gate is off.
 template <typename... Ts, typename... Args>

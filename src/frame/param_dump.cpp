@@ -71,6 +71,15 @@ std::string ornet_param_to_str(Context* /*ctx*/, T f) {
     return os.str();
 }
 
+template <typename T>
+std::string ornet_param_to_str(Context* ctx, const VectorParam<T>& v) {
+    if (v.cpu == nullptr) return "\"cpu_nullptr\"";
+    if (v.len < 1) return "{}";
+    return ornet_param_to_str(ctx, std::vector<T>(v.cpu, v.cpu + v.len));
+}
+
+template std::string ornet_param_to_str<int>(Context*, const VectorParam<int>&);
+template std::string ornet_param_to_str<long>(Context*, const VectorParam<long>&);
 template std::string ornet_param_to_str<long>(Context*, const std::vector<long>&);
 template std::string ornet_param_to_str<int>(Context*, const std::vector<int>&);
 template std::string ornet_param_to_str<float>(Context*, float);

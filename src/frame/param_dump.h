@@ -7,6 +7,7 @@
 
 #include <tsuapi/tsuapi.h>
 #include <tsuops/types.h>
+#include <tsuops/vector_param.h>
 
 namespace orvane::tsu::api {
 
@@ -16,6 +17,10 @@ std::string ornet_param_to_str(Context* ctx, const std::vector<T>& v);
 // INFINITY, -INFINITY, NAN, else the stream's default format of the value as double.
 template <typename T>
 std::string ornet_param_to_str(Context* ctx, T f);
+
+// The host copy as a vector; "cpu_nullptr" (with its quotes) without one.
+template <typename T>
+std::string ornet_param_to_str(Context* ctx, const VectorParam<T>& v);
 
 // "ptr(<unsigned decimal>)"; the left side of a pointer check.
 template <typename T>

@@ -84,6 +84,12 @@ TEST(ParamDump, FloatText) {
     for (const auto& [v, text] : cases) EXPECT_EQ(ornet_param_to_str<float>(&ctx, v), text) << v;
     EXPECT_EQ(ornet_param_to_str<long>(&ctx, std::vector<long>{}), "{}");
     EXPECT_EQ(ornet_param_to_str<long>(&ctx, std::vector<long>{3, -2, 1L << 40}), "{3, -2, 1099511627776}");
+    const int lod[] = {0, 3, 7};
+    EXPECT_EQ(ornet_param_to_str(&ctx, VectorParam<int>{lod, 3}), "{0, 3, 7}");
+    EXPECT_EQ(ornet_param_to_str(&ctx, VectorParam<int>{lod, 0}), "{}");
+    EXPECT_EQ(ornet_param_to_str(&ctx, VectorParam<int>{nullptr, 4}), "\"cpu_nullptr\"");
+    const long offs[] = {-1, 1L << 33};
+    EXPECT_EQ(ornet_param_to_str(&ctx, VectorParam<long>{offs, 2}), "{-1, 8589934592}");
     EXPECT_EQ(__wrapper_tostring(static_cast<float*>(nullptr)), "ptr(0)");
     EXPECT_EQ(__wrapper_tostring(fake(kGm)), "ptr(" + std::to_string(kGm) + ")");
 }

@@ -103,7 +103,7 @@ TEST(ArgumentBlock, ObserverRecordEndsAtTheHighestByteSet) {
 // Bytes that this launch never set must not carry another launch's data:
 // a block that depends on what the thread launched before cannot be compared
 // byte for byte.
-TEST(ArgumentBlock, DISABLED_GapsHoldNoStaleBytesOfAnEarlierLaunch) {
+TEST(ArgumentBlock, GapsHoldNoStaleBytesOfAnEarlierLaunch) {
     auto ctx = device_context();
     const auto desc = descriptor(&platform_test::noop_entry, platform_test::kNoopName);
     LaunchCapture cap;

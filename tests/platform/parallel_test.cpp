@@ -68,7 +68,7 @@ INSTANTIATE_TEST_SUITE_P(Ranges, Tiling,
 // The pool promises chunks of at least `grain` elements (all of the range if
 // it is shorter): a kernel imitation that processes whole units of `grain`
 // relies on it.
-TEST(Parallel, DISABLED_ChunksAreAtLeastTheGrain) {
+TEST(Parallel, ChunksAreAtLeastTheGrain) {
     for (const auto& [n, grain] : std::vector<std::pair<long, long>>{{3, 2}, {10, 3}, {100, 40}, {5, 4}}) {
         for (const Chunk& c : run_recorded(0, n, grain)) {
             EXPECT_GE(c.end - c.begin, std::min(grain, n)) << "n " << n << ", grain " << grain << ": chunk ["

@@ -68,8 +68,10 @@ void invoke_parallel(long begin, long end, long grain, const std::function<void(
     if (end <= begin) return;
     const long n = end - begin;
     const long threads = get_num_threads();
+    // Whole chunks of at least `grain`: the count rounds down.
     const long g = grain > 0 ? grain : 1;
-    long chunks = (n + g - 1) / g;
+    long chunks = n / g;
+    if (chunks < 1) chunks = 1;
     if (chunks > threads) chunks = threads;
     if (t_in_parallel || chunks <= 1) {
         f(begin, end);

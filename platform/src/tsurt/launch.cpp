@@ -273,6 +273,8 @@ int tsu_launch_config(int nclusters, int ncores, void* stream) {
     p.ncores = ncores;
     p.stream = s;
     p.handle = stream;
+    // Padding between slots must not carry an earlier launch's bytes.
+    std::memset(p.args.data(), 0, p.used);
     p.used = 0;
     return TSU_SUCCESS;
 }
