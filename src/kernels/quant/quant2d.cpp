@@ -1,6 +1,7 @@
 #include "kernels/quant/quant2d.h"
 
 #include <algorithm>
+#include <cmath>
 #include <type_traits>
 
 #include <tsuops/float16.h>
@@ -16,10 +17,31 @@ namespace quant = infer_ops::quant;
 // which stay in the first-level cache between the widening and their use.
 constexpr long kChunk = 1024;
 
+// The two passes over float spans, compiled twice: for AVX2 where the CPU
+// has it (eight lanes instead of four) and for the baseline. The rules of
+// quant_rules.h are inlined into loops of a constant block length, which
+// GCC vectorises under the build's cheap cost model.
+#define TSUOPS_QUANT2D_CLONES __attribute__((target_clones("avx2", "default")))
+
+// The absolute-maximum rule over n floats, continuing from s.
+TSUOPS_QUANT2D_CLONES float span_absmax(const float* __restrict x, long n, float s) {
+    return quant::absmax(x, n, s);
+}
+
+// Rule Q8 over n floats against the scale float s.
+TSUOPS_QUANT2D_CLONES void span_convert(const float* __restrict x, signed char* __restrict y, long n, float s) {
+    constexpr long kBlock = 32;
+    const quant::quantiser<signed char> q(s);
+    long j = 0;
+    for (; j + kBlock <= n; j += kBlock) {
+        for (long k = 0; k < kBlock; ++k) y[j + k] = q(x[j + k]);
+    }
+    for (; j < n; ++j) y[j] = q(x[j]);
+}
+
 // n elements of x as floats: float rows as they are, 16-bit rows widened
-// into buf by the library's vectorised array conversion. The rule loops of
-// quant_rules.h vectorise over float input; a widening inside the same loop
-// would keep them scalar.
+// into buf by the library's vectorised array conversion (a widening inside
+// the rule loops would keep them scalar).
 template <typename T>
 inline const float* as_floats(const T* x, long n, float* buf) {
     if constexpr (std::is_same_v<T, float>) {
@@ -38,12 +60,12 @@ inline void quantise_row(const T* x, signed char* y, float* scale, long n, float
     float s = start;
     for (long j = 0; j < n; j += kChunk) {
         const long len = std::min(kChunk, n - j);
-        s = quant::absmax(as_floats(x + j, len, buf), len, s);
+        s = span_absmax(as_floats(x + j, len, buf), len, s);
     }
     *scale = s;
     for (long j = 0; j < n; j += kChunk) {
         const long len = std::min(kChunk, n - j);
-        quant::quantize_span(as_floats(x + j, len, buf), y + j, len, s);
+        span_convert(as_floats(x + j, len, buf), y + j, len, s);
     }
 }
 
@@ -56,9 +78,9 @@ inline void quantise_row_staged(const T* x, signed char* y, float* scale, long n
     } else {
         alignas(64) float stage[Cap];
         infer_ops::widen(x, stage, n);
-        const float s = quant::absmax(stage, n, start);
+        const float s = span_absmax(stage, n, start);
         *scale = s;
-        quant::quantize_span(stage, y, n, s);
+        span_convert(stage, y, n, s);
     }
 }
 
