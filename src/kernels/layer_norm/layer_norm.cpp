@@ -10,9 +10,9 @@ void infer_layer_norm(float eps, long m, long n, const T* x, T* y, const TW* sca
                       bool kernel_flag) {
     namespace nk = tsuops::kernels::norm;
     const auto [b, e] = tsuops::kernels::core_share(m);
-    for (long i = b; i < e; ++i) {
-        nk::layer_row<T, TW, nk::kRowChunk>(x + i * n, y + i * n, n, eps, scale, bias, P);
-    }
+    if (b == e) return;
+    nk::row_weights<TW, nk::kRowChunk> weights(scale, bias, n);
+    for (long i = b; i < e; ++i) nk::layer_row(x + i * n, y + i * n, n, eps, weights, P);
 }
 
 template <typename T, typename TW>
@@ -20,8 +20,10 @@ void infer_ops_layer_norm_infer(float eps, long m, long n, const T* x, T* y, con
                                 float* mean, float* var, bool is_rstd) {
     namespace nk = tsuops::kernels::norm;
     const auto [b, e] = tsuops::kernels::core_share(m);
+    if (b == e) return;
+    nk::row_weights<TW, nk::kRowChunk> weights(scale, bias, n);
     for (long i = b; i < e; ++i) {
-        const nk::row_stats st = nk::layer_row<T, TW, nk::kRowChunk>(x + i * n, y + i * n, n, eps, scale, bias, false);
+        const nk::row_stats st = nk::layer_row(x + i * n, y + i * n, n, eps, weights, false);
         if (mean != nullptr) mean[i] = st.mean;
         if (var != nullptr) var[i] = is_rstd ? st.rstd : st.var;
     }

@@ -1,8 +1,8 @@
 // One row of a normalisation kernel, for every element and weight type. A
 // row is widened to float in chunks of C elements on the core's stack (a row
 // of up to C elements is read from memory once), summed, then scaled and
-// narrowed chunk by chunk. float rows are read and written in place, with no
-// staging.
+// narrowed chunk by chunk. float rows are read and written where they are,
+// with no staging.
 #pragma once
 
 #include <algorithm>
@@ -15,9 +15,10 @@
 
 namespace tsuops::kernels::norm {
 
-// Rows are staged in chunks of at most this many elements (16 KiB of floats
-// per staged array), so that a core's stack stays small whatever the row.
-inline constexpr long kRowChunk = 4096;
+// Rows are staged in chunks of at most this many elements (32 KiB of floats
+// per staged array): the usual hidden sizes fit one chunk, and a core's stack
+// stays small whatever the row.
+inline constexpr long kRowChunk = 8192;
 
 template <typename T>
 inline constexpr bool is_float = std::is_same_v<T, float>;
@@ -44,12 +45,44 @@ struct row_stats {
     float rstd;
 };
 
+// The per-column weight and bias as floats. Every row of a core uses the
+// same ones, so where a row fits one chunk they are widened once per core;
+// longer rows widen them chunk by chunk.
+template <typename TW, long C>
+class row_weights {
+public:
+    row_weights(const TW* scale, const TW* bias, long n) : scale_(scale), bias_(bias), whole_(n <= C) {
+        if (whole_) {
+            if (scale_ != nullptr) ws_ = stage(scale_, wb_, n);
+            if (bias_ != nullptr) bs_ = stage(bias_, bb_, n);
+        }
+    }
+    row_weights(const row_weights&) = delete;
+    row_weights& operator=(const row_weights&) = delete;
+
+    // The weights of columns [o, o + len), or null where there are none.
+    const float* scale(long o, long len) { return at(scale_, ws_, wb_, o, len); }
+    const float* bias(long o, long len) { return at(bias_, bs_, bb_, o, len); }
+
+private:
+    const float* at(const TW* src, const float* whole, float* buf, long o, long len) {
+        if (src == nullptr) return nullptr;
+        return whole_ ? whole + o : stage(src + o, buf, len);
+    }
+
+    const TW* scale_;
+    const TW* bias_;
+    bool whole_;
+    const float* ws_ = nullptr;
+    const float* bs_ = nullptr;
+    chunk_buf<TW, C> wb_;
+    chunk_buf<TW, C> bb_;
+};
+
 // y = (x * r) * w + b for one row of n elements.
 template <typename T, typename TW, long C>
-row_stats rms_row(const T* x, T* y, long n, float eps, const TW* scale, const TW* bias) {
+row_stats rms_row(const T* x, T* y, long n, float eps, row_weights<TW, C>& weights) {
     chunk_buf<T, C> xb;
-    chunk_buf<TW, C> wb;
-    chunk_buf<TW, C> bb;
     const bool one_chunk = n <= C;
     float q = 0.0f;
     for (long o = 0; o < n; o += C) {
@@ -61,12 +94,10 @@ row_stats rms_row(const T* x, T* y, long n, float eps, const TW* scale, const TW
     for (long o = 0; o < n; o += C) {
         const long len = std::min(C, n - o);
         const float* xs = (one_chunk && !is_float<T>) ? xb : stage(x + o, xb, len);
-        const float* ws = scale == nullptr ? nullptr : stage(scale + o, wb, len);
-        const float* bs = bias == nullptr ? nullptr : stage(bias + o, bb, len);
         if constexpr (is_float<T>) {
-            rms_apply(xs, r, ws, bs, y + o, len);
+            rms_apply(xs, r, weights.scale(o, len), weights.bias(o, len), y + o, len);
         } else {
-            rms_apply(xs, r, ws, bs, xb, len);
+            rms_apply(xs, r, weights.scale(o, len), weights.bias(o, len), xb, len);
             infer_ops::narrow(xb, y + o, len);
         }
     }
@@ -75,10 +106,8 @@ row_stats rms_row(const T* x, T* y, long n, float eps, const TW* scale, const TW
 
 // y = ((x - mean) * r) * w + b for one row of n elements.
 template <typename T, typename TW, long C>
-row_stats layer_row(const T* x, T* y, long n, float eps, const TW* scale, const TW* bias, bool plus_one) {
+row_stats layer_row(const T* x, T* y, long n, float eps, row_weights<TW, C>& weights, bool plus_one) {
     chunk_buf<T, C> xb;
-    chunk_buf<TW, C> wb;
-    chunk_buf<TW, C> bb;
     const bool one_chunk = n <= C;
     float s = 0.0f;
     float q = 0.0f;
@@ -97,12 +126,10 @@ row_stats layer_row(const T* x, T* y, long n, float eps, const TW* scale, const 
     for (long o = 0; o < n; o += C) {
         const long len = std::min(C, n - o);
         const float* xs = (one_chunk && !is_float<T>) ? xb : stage(x + o, xb, len);
-        const float* ws = scale == nullptr ? nullptr : stage(scale + o, wb, len);
-        const float* bs = bias == nullptr ? nullptr : stage(bias + o, bb, len);
         if constexpr (is_float<T>) {
-            layer_apply(xs, mean, r, ws, plus_one, bs, y + o, len);
+            layer_apply(xs, mean, r, weights.scale(o, len), plus_one, weights.bias(o, len), y + o, len);
         } else {
-            layer_apply(xs, mean, r, ws, plus_one, bs, xb, len);
+            layer_apply(xs, mean, r, weights.scale(o, len), plus_one, weights.bias(o, len), xb, len);
             infer_ops::narrow(xb, y + o, len);
         }
     }

@@ -11,8 +11,10 @@ template <typename T, typename TW, long C>
 void rms_rows(float eps, long m, long n, const T* x, T* y, const TW* scale, const TW* bias, float* rms_out,
               bool is_rstd) {
     const auto [b, e] = core_share(m);
+    if (b == e) return;
+    row_weights<TW, C> weights(scale, bias, n);
     for (long i = b; i < e; ++i) {
-        const row_stats st = rms_row<T, TW, C>(x + i * n, y + i * n, n, eps, scale, bias);
+        const row_stats st = rms_row(x + i * n, y + i * n, n, eps, weights);
         if (rms_out != nullptr) rms_out[i] = is_rstd ? st.rstd : st.var;
     }
 }
