@@ -36,6 +36,10 @@ TSU_KERNEL_DECLARE(probe_bools)
 TSU_KERNEL_DECLARE(probe_int_ptr)
 TSU_KERNEL_DECLARE(probe_bool_int)
 TSU_KERNEL_DECLARE(probe_mixed)
+// A second signature of one kernel name.
+#define TSU_FAMILY_probe_int_ptr_pair(X) \
+    X(probe_int_ptr, TSU_ENGINE_CLUSTER, (typename T, typename U), (T, U), (int, n), (T*, out), (U*, more))
+TSU_KERNEL_DECLARE_MORE(probe_int_ptr_pair)
 
 namespace tsu3 {
 template <typename T>
@@ -45,6 +49,10 @@ void probe_bools(T* out, bool a, bool b) {
 template <typename T>
 void probe_int_ptr(int n, T* out) {
     if (tsuemu::global_core_id() == 0) out[0] = n;
+}
+template <typename T, typename U>
+void probe_int_ptr(int n, T* out, U* more) {
+    if (tsuemu::global_core_id() == 0) out[0] = n + static_cast<T>(more[0]);
 }
 template <typename T>
 void probe_bool_int(bool flag, int n, T* out) {
@@ -65,10 +73,12 @@ TSU_KERNEL_DEFINE(probe_bools)
 TSU_KERNEL_DEFINE(probe_int_ptr)
 TSU_KERNEL_DEFINE(probe_bool_int)
 TSU_KERNEL_DEFINE(probe_mixed)
+TSU_KERNEL_DEFINE(probe_int_ptr_pair)
 TSU_KERNEL_INSTANCE(probe_bools, long)
 TSU_KERNEL_INSTANCE(probe_int_ptr, long)
 TSU_KERNEL_INSTANCE(probe_bool_int, long)
 TSU_KERNEL_INSTANCE(probe_mixed, double)
+TSU_KERNEL_INSTANCE(probe_int_ptr, long, int)
 
 namespace {
 
@@ -138,6 +148,20 @@ TEST_F(LaunchPath, ArgumentBlocksFollowTheSlotRule) {
     expect_arg(r[3], 24, static_cast<signed char>(-8));
     expect_arg(r[3], 28, float16(0.5f));
     expect_arg(r[3], 32, 1L << 40);
+}
+
+TEST_F(LaunchPath, OverloadsOfOneKernelNameLaunchTheirOwnInstance) {
+    GuardedBuffer<long> out(ctx_.get(), 1);
+    GuardedBuffer<int> more(ctx_.get(), std::vector<int>{5});
+    LaunchCapture launches;
+    ASSERT_EQ(config(), 0);
+    ASSERT_EQ((tsu3::__device_stub__probe_int_ptr<long, int>(2, out.data(), more.data())), 0);
+    EXPECT_EQ(out.download(), std::vector<long>{7});
+    ASSERT_EQ(config(), 0);
+    ASSERT_EQ(tsu3::__device_stub__probe_int_ptr<long>(3, out.data()), 0);
+    EXPECT_EQ(out.download(), std::vector<long>{3});
+    ASSERT_EQ(launches.size(), 2u);
+    EXPECT_EQ(launches.records()[0].args.size(), 24u);
 }
 
 TEST_F(LaunchPath, ConstantLaunchesOnTheContextsShape) {
