@@ -12,4 +12,23 @@ using orvane::tsu::api::Context;
 template <typename T>
 int constant(Context* ctx, T* x, long len, T value);
 
+// y[i] = x[i] for i in [0, len). Nothing happens when x equals y, on any
+// device type.
+template <typename T>
+int copy(Context* ctx, const T* x, T* y, long len);
+
+// z = x + y elementwise over m * n elements, summed in float. A bfloat16 sum
+// rounds ties away from zero whatever the bfloat16 mode. The last argument
+// is not read.
+template <typename T>
+int add(Context* ctx, const T* x, const T* y, T* z, long m, long n, bool);
+
+// y[i] = x[i] converted from TX to TY, through a 32-bit intermediate (a float
+// or an int). A host context whose sim_dev_type is 3 behaves like the device:
+// 8-bit integer results saturate instead of wrapping, and bfloat16 results
+// round ties away from zero. Every ordered pair of float, float16, bfloat16,
+// bool, signed char, short, int, long, unsigned char and double.
+template <typename TX, typename TY>
+int cast(Context* ctx, const TX* x, TY* y, long len);
+
 }  // namespace infer_ops
