@@ -53,7 +53,8 @@ int broadcast_op(Context* ctx, const T* x, const T* y, T* z, const std::vector<l
 //     axis negative (never wrapped) or not below the rank of shapes[0];
 //   a single input: the operator copy<T> of the whole tensor, on any device;
 //   status 4 (_log_unimplement): an input that differs from shapes[0] in
-//     rank or in a dimension other than axis, or a device context.
+//     rank or in a dimension other than axis, or is negative along axis; or
+//     a device context.
 // Nothing is written on any failure.
 template <typename T>
 int concat(Context* ctx, const std::vector<const T*>& xs, T* y, const std::vector<std::vector<long>>& shapes,

@@ -39,6 +39,11 @@ std::vector<Refusal> refusals() {
         {"silu", 4,
          [](Context* c, const float* x, float* y) { return cpu_ops::silu<float>(c, x, y, 4, nullptr, nullptr); }},
         {"softmax2d", 4, [](Context* c, const float* x, float* y) { return cpu_ops::softmax2d<float>(c, x, y, 2, 2); }},
+        {"concat", 4,
+         [](Context* c, const float* x, float* y) {
+             return cpu_ops::concat<float>(c, {x, x + 2}, y, {{1, 2}, {1, 2}}, 0);
+         }},
+        {"sigmoid", 4, [](Context* c, const float* x, float* y) { return cpu_ops::sigmoid<float>(c, x, y, 4); }},
         {"quantization", 1,
          [](Context* c, const float* x, float* y) {
              return cpu_ops::quantization<float, signed char>(c, x, reinterpret_cast<signed char*>(y), 4, nullptr);
