@@ -98,7 +98,11 @@ inline TY from_float(float w) {
         return w != 0.0f;  // NaN counts as true
     } else if constexpr (std::is_same_v<TY, signed char>) {
         if constexpr (Sim) {
-            return static_cast<signed char>(trunc32(std::min(std::max(w, -128.0f), 127.0f)));
+            // Clamped as the device's max and min instructions do: a NaN
+            // compares false and takes the lower bound.
+            const float lo = w > -128.0f ? w : -128.0f;
+            const float c = lo < 127.0f ? lo : 127.0f;
+            return static_cast<signed char>(static_cast<std::int32_t>(c));
         } else {
             return static_cast<signed char>(trunc32(w));
         }

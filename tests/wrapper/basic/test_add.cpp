@@ -51,7 +51,9 @@ TYPED_TEST(Add, DeviceMatchesHost) {
         GuardedBuffer<T> dx(dev.get(), xs), dy(dev.get(), ys), dz(dev.get(), len);
         ASSERT_EQ(infer_ops::add<T>(host.get(), hx.data(), hy.data(), hz.data(), m, n, false), 0);
         ASSERT_EQ(infer_ops::add<T>(dev.get(), dx.data(), dy.data(), dz.data(), m, n, false), 0);
-        EXPECT_EQ(hz.raw_bytes(), dz.raw_bytes()) << m << " x " << n;
+        // Bit for bit, except which NaN a sum of two NaNs gives: that depends
+        // on the order in which the compiler put the operands.
+        EXPECT_TRUE(tsuops_test::exactly_equal(hz.download(), dz.download())) << m << " x " << n;
     }
 }
 

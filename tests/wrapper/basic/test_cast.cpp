@@ -79,6 +79,10 @@ TEST(CastTable, EightBitDestinationsSaturateOnlyWithSim) {
     expect_cast<float, sc>("truncation towards zero", -2.9f, -2, -2);
     expect_cast<float, sc>("infinity", kInf, 127, 0);
     expect_cast<double, sc>("a double through float", 1e10, 127, 0);
+    // NaN: the clamp takes the lower bound; plain truncation gives the most
+    // negative 32-bit value, whose low byte is 0.
+    expect_cast<float, sc>("NaN", kNaN, -128, 0);
+    expect_cast<float, uc>("NaN", kNaN, 0, 0);
     expect_cast<float, uc>("negative", -1.5f, 0, 255);
     expect_cast<float, uc>("above the range", 300.7f, 255, 44);
     expect_cast<bfloat16, uc>("bfloat16 above the range", bfloat16(300.0f), 255, 44);
@@ -171,7 +175,8 @@ TEST(CastChild, DISABLED_Tsu3AndRoundAwayModes) {
 }
 
 TEST(CastModes, DefaultModes) {
-    EXPECT_TRUE(tsuops_test::run_child("CastChild.DISABLED_DefaultModes", {}, {kFp16Mode, kFp16ModeFallback, kBf16Mode}));
+    EXPECT_TRUE(
+        tsuops_test::run_child("CastChild.DISABLED_DefaultModes", {}, {kFp16Mode, kFp16ModeFallback, kBf16Mode}));
 }
 
 TEST(CastModes, Tsu3AndRoundAwayModes) {

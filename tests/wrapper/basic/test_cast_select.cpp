@@ -32,7 +32,9 @@ void for_each_type(types<T...>, F&& f) {
 
 template <class F>
 void for_each_pair(F&& f) {
-    for_each_type(AllTypes{}, [&]<class TX>() { for_each_type(AllTypes{}, [&]<class TY>() { f.template operator()<TX, TY>(); }); });
+    for_each_type(AllTypes{}, [&]<class TX>() {
+        for_each_type(AllTypes{}, [&]<class TY>() { f.template operator()<TX, TY>(); });
+    });
 }
 
 // Type names as the demangler writes them in kernel names.
