@@ -4,8 +4,10 @@
 
 #include <tsuops/basic.h>
 #include <tsuops/catalogue.h>
+#include <tsuops/cpu_ops.h>
 #include <tsuops/float16.h>
 #include <tsuops/norm.h>
 #include <tsuops/quant.h>
 #include <tsuops/types.h>
+#include <tsuops/vector_param.h>
 #include <tsuops/version.h>

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <string>
 
+#include <immintrin.h>
+
 #include <tsuops/float16.h>
 
 namespace {
@@ -163,6 +165,52 @@ TSUOPS_HALF_CLONES void widen_bf16(const bfloat16* src, float* dst, long n) {
     for (; i < n; ++i) dst[i] = std::bit_cast<float>(static_cast<std::uint32_t>(src[i].x) << 16);
 }
 
+// The converter instructions round to nearest even, keep subnormal results
+// and widen exactly: the same bits as the lane code above once a NaN is set
+// to the quiet pattern under its own sign and, outside "tsu3", a zero
+// exponent field is flushed.
+#define TSUOPS_F16C __attribute__((target("avx2,f16c")))
+
+template <bool flush>
+TSUOPS_F16C void narrow_half_f16c(const float* src, float16* dst, long n) {
+    const __m128i quiet = _mm_set1_epi16(0x7e00);
+    const __m128i sign_bit = _mm_set1_epi16(static_cast<short>(0x8000));
+    const __m128i exponent = _mm_set1_epi16(0x7c00);
+    long i = 0;
+    for (; i + 8 <= n; i += 8) {
+        const __m256 v = _mm256_loadu_ps(src + i);
+        __m128i r = _mm256_cvtps_ph(v, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
+        const __m256i nan32 = _mm256_castps_si256(_mm256_cmp_ps(v, v, _CMP_UNORD_Q));
+        const __m128i nan16 = _mm_packs_epi32(_mm256_castsi256_si128(nan32), _mm256_extracti128_si256(nan32, 1));
+        const __m128i sign = _mm_and_si128(r, sign_bit);
+        r = _mm_blendv_epi8(r, _mm_or_si128(sign, quiet), nan16);
+        if (flush) {
+            const __m128i zero_exp = _mm_cmpeq_epi16(_mm_and_si128(r, exponent), _mm_setzero_si128());
+            r = _mm_blendv_epi8(r, sign, zero_exp);
+        }
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + i), r);
+    }
+    for (; i < n; ++i) {
+        std::uint32_t r = half_rne<std::uint32_t, float>(std::bit_cast<std::uint32_t>(src[i]));
+        if (flush) r = half_flush(r);
+        dst[i].x = static_cast<std::uint16_t>(r);
+    }
+}
+
+TSUOPS_F16C void widen_half_f16c(const float16* src, float* dst, long n) {
+    long i = 0;
+    for (; i + 8 <= n; i += 8) {
+        const __m128i h = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i));
+        _mm256_storeu_ps(dst + i, _mm256_cvtph_ps(h));
+    }
+    for (; i < n; ++i) dst[i] = half_widen<std::uint32_t, float>(src[i].x);
+}
+
+bool has_f16c() {
+    static const bool yes = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("f16c");
+    return yes;
+}
+
 }  // namespace
 
 namespace infer_ops {
@@ -186,7 +234,13 @@ bool bf16_mode_is_rn() {
 void narrow(const float* src, float16* dst, long n) {
     const bool keep = fp16_mode_is_tsu3();
     if (n <= 0) return;
-    if (keep) {
+    if (has_f16c()) {
+        if (keep) {
+            narrow_half_f16c<false>(src, dst, n);
+        } else {
+            narrow_half_f16c<true>(src, dst, n);
+        }
+    } else if (keep) {
         narrow_half<false>(src, dst, n);
     } else {
         narrow_half<true>(src, dst, n);
@@ -206,7 +260,12 @@ void narrow(const float* src, bfloat16* dst, long n, bool force_rn) {
 }
 
 void widen(const float16* src, float* dst, long n) {
-    if (n > 0) widen_half(src, dst, n);
+    if (n <= 0) return;
+    if (has_f16c()) {
+        widen_half_f16c(src, dst, n);
+    } else {
+        widen_half(src, dst, n);
+    }
 }
 
 void widen(const bfloat16* src, float* dst, long n) {

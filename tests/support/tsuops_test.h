@@ -10,6 +10,7 @@
 #include <tsurt/tsurt.h>
 
 #include "support/capture.h"
+#include "support/child_process.h"
 #include "support/compare.h"
 #include "support/contexts.h"
 #include "support/guarded_buffer.h"
