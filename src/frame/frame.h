@@ -217,6 +217,19 @@ int output(ContextStackGuard& g, Context* ctx, const char* name, const T* ptr, l
     return region(g, ctx, name, ptr, len, false, at);
 }
 
+// The region step of a nullable tensor: run only when the pointer is set.
+template <typename T>
+int optional_input(ContextStackGuard& g, Context* ctx, const char* name, const T* ptr, long len,
+                   where at = where::current()) {
+    return ptr ? region(g, ctx, name, ptr, len, true, at) : SUCCESS;
+}
+
+template <typename T>
+int optional_output(ContextStackGuard& g, Context* ctx, const char* name, const T* ptr, long len,
+                    where at = where::current()) {
+    return ptr ? region(g, ctx, name, ptr, len, false, at) : SUCCESS;
+}
+
 // ---- dispatch and launch ------------------------------------------------------------------------
 int unimplemented(Context* ctx, where at = where::current());
 

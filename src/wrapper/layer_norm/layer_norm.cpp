@@ -43,12 +43,8 @@ int layer_norm(Context* ctx, const T* x, T* y, long m, long n, float eps, const 
     if (int st = frame::input(guard, ctx, "x", x, count)) return st;
     if (int st = frame::output(guard, ctx, "y", y, count)) return st;
     if (int st = frame::check(ctx, eps, frame::Rel::GT, 0)) return st;
-    if (scale != nullptr) {
-        if (int st = frame::input(guard, ctx, "scale", scale, n)) return st;
-    }
-    if (bias != nullptr) {
-        if (int st = frame::input(guard, ctx, "bias", bias, n)) return st;
-    }
+    if (int st = frame::optional_input(guard, ctx, "scale", scale, n)) return st;
+    if (int st = frame::optional_input(guard, ctx, "bias", bias, n)) return st;
     return frame::dispatch(
         ctx, [&] { return cpu_wrapper(x, y, m, n, eps, scale, bias, scale_plus_one); },
         [&] { return tsu3_wrapper(ctx, x, y, m, n, eps, scale, bias, kernel_flag, scale_plus_one); });

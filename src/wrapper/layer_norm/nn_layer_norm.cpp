@@ -44,12 +44,8 @@ int nn_layer_norm(Context* ctx, const T* x, T* y, long m, long n, float eps, con
     if (int st = frame::check(ctx, eps, frame::Rel::GE, 0)) return st;
     // The statistics come as a pair or not at all.
     if ((mean == nullptr) != (var == nullptr)) return frame::check(ctx, 0, frame::Rel::EQ, 1);
-    if (scale != nullptr) {
-        if (int st = frame::input(guard, ctx, "scale", scale, n)) return st;
-    }
-    if (bias != nullptr) {
-        if (int st = frame::input(guard, ctx, "bias", bias, n)) return st;
-    }
+    if (int st = frame::optional_input(guard, ctx, "scale", scale, n)) return st;
+    if (int st = frame::optional_input(guard, ctx, "bias", bias, n)) return st;
     if (mean != nullptr) {
         if (int st = frame::output(guard, ctx, "mean", mean, m)) return st;
         if (int st = frame::output(guard, ctx, "var", var, m)) return st;

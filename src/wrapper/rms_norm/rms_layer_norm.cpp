@@ -121,12 +121,8 @@ int rms_layer_norm(Context* ctx, const T* x, T* y, long m, long n, float eps, co
     if (int st = frame::input(guard, ctx, "x", x, count)) return st;
     if (int st = frame::output(guard, ctx, "y", y, count)) return st;
     if (int st = frame::check(ctx, eps, frame::Rel::GT, 0)) return st;
-    if (scale != nullptr) {
-        if (int st = frame::input(guard, ctx, "scale", scale, n)) return st;
-    }
-    if (bias != nullptr) {
-        if (int st = frame::input(guard, ctx, "bias", bias, n)) return st;
-    }
+    if (int st = frame::optional_input(guard, ctx, "scale", scale, n)) return st;
+    if (int st = frame::optional_input(guard, ctx, "bias", bias, n)) return st;
     return frame::dispatch(
         ctx, [&] { return cpu_wrapper(x, y, m, n, eps, scale, bias, rms_out, is_rstd); },
         [&] { return tsu3_wrapper(ctx, x, y, m, n, eps, scale, bias, rms_out, is_rstd); });
