@@ -198,16 +198,41 @@ std::span<tsuemu::KernelDescriptor> catalogue();
 // a plain internal object at namespace scope.
 #define TSU_KERNEL_INSTANCE(name, ...) TSU_KERNEL_INSTANCE_I(__COUNTER__, name, __VA_ARGS__)
 #define TSU_KERNEL_INSTANCE_I(id, name, ...) TSU_KERNEL_INSTANCE_II(id, name, __VA_ARGS__)
-#define TSU_KERNEL_INSTANCE_II(id, name, ...)                                                              \
-    namespace tsuops::kernels {                                                                            \
-    __attribute__((section("TSU_KERNEL"), used, aligned(64))) static tsuemu::KernelDescriptor tsu_kernel_##id = { \
-        engine_of_##name,                                                                                  \
-        reinterpret_cast<std::uint64_t>(&kernel_fn<&::tsu3::name<__VA_ARGS__>>::entry),                   \
-        0, 0, 0, 0, 0, 0};                                                                                 \
-    [[maybe_unused]] static tsuemu::KernelDescriptor* descriptor_for(tag<&::tsu3::name<__VA_ARGS__>>) {    \
-        return &tsu_kernel_##id;                                                                           \
-    }                                                                                                      \
-    [[maybe_unused]] static const bool tsu_kernel_named_##id =                                             \
-        name_descriptor(&tsu_kernel_##id, reinterpret_cast<const void*>(&::tsu3::name<__VA_ARGS__>));      \
-    }                                                                                                      \
+#define TSU_KERNEL_INSTANCE_II(id, name, ...)                                                                \
+    TSU_KERNEL_DESCRIPTOR(id, name, (&::tsu3::name<__VA_ARGS__>))                                            \
     template decltype(::tsu3::__device_stub__##name<__VA_ARGS__>) tsu3::__device_stub__##name<__VA_ARGS__>;
+
+// The descriptor of one kernel, the lookup of its stub, and its name.
+#define TSU_KERNEL_DESCRIPTOR(id, name, kernel)                                                                 \
+    namespace tsuops::kernels {                                                                                 \
+    __attribute__((section("TSU_KERNEL"), used, aligned(64))) static tsuemu::KernelDescriptor tsu_kernel_##id = { \
+        engine_of_##name, reinterpret_cast<std::uint64_t>(&kernel_fn<kernel>::entry), 0, 0, 0, 0, 0, 0};      \
+    [[maybe_unused]] static tsuemu::KernelDescriptor* descriptor_for(tag<kernel>) { return &tsu_kernel_##id; } \
+    [[maybe_unused]] static const bool tsu_kernel_named_##id =                                                  \
+        name_descriptor(&tsu_kernel_##id, reinterpret_cast<const void*>(kernel));                              \
+    }
+
+// A kernel that is a plain function rather than a template: its X-macro gives
+// () for both template lists. The kernel source defines the body, then
+// expands TSU_KERNEL_PLAIN(family) once.
+#define TSU_KERNEL_DECLARE_PLAIN(family) TSU_FAMILY_##family(TSU_KERNEL_DECLARE_PLAIN_)
+#define TSU_KERNEL_DECLARE_PLAIN_(name, engine, tparams, targs, ...)                              \
+    namespace tsu3 {                                                                              \
+    void name(TSU_PP_FOR_EACH(TSU_PP_DECL, __VA_ARGS__));                                         \
+    int __device_stub__##name(TSU_PP_FOR_EACH(TSU_PP_DECL, __VA_ARGS__));                        \
+    }                                                                                             \
+    namespace tsuops::kernels {                                                                   \
+    inline constexpr std::uint64_t engine_of_##name = engine;                                     \
+    }
+
+#define TSU_KERNEL_PLAIN(family) TSU_FAMILY_##family(TSU_KERNEL_PLAIN_)
+#define TSU_KERNEL_PLAIN_(name, engine, tparams, targs, ...) TSU_KERNEL_PLAIN_I(__COUNTER__, name, __VA_ARGS__)
+#define TSU_KERNEL_PLAIN_I(id, name, ...) TSU_KERNEL_PLAIN_II(id, name, __VA_ARGS__)
+#define TSU_KERNEL_PLAIN_II(id, name, ...)                                                             \
+    TSU_KERNEL_DESCRIPTOR(id, name, (&::tsu3::name))                                                   \
+    namespace tsu3 {                                                                                   \
+    __attribute__((weak)) int __device_stub__##name(TSU_PP_FOR_EACH(TSU_PP_DECL, __VA_ARGS__)) {       \
+        return ::tsuops::kernels::kernel_fn<&name>::launch(descriptor_for(::tsuops::kernels::tag<&name>{}), \
+                                                           TSU_PP_FOR_EACH(TSU_PP_NAME, __VA_ARGS__)); \
+    }                                                                                                  \
+    }

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "frame/convert.h"
-#include "kernels/basic/blocked.h"
 #include "kernels/grid.h"
 
 namespace tsu3 {
