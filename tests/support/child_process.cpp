@@ -13,66 +13,40 @@ extern char** environ;
 
 namespace tsuops_test {
 
-namespace {
-
-// Variables of the parent's test run that must not reach the child: sharding
-// would make it skip the test asked for, an output file would be overwritten
-// and brief output would hide the line that proves the test ran.
-constexpr const char* kDroppedGtestVars[] = {"GTEST_SHARD_INDEX", "GTEST_TOTAL_SHARDS", "GTEST_SHARD_STATUS_FILE",
-                                             "GTEST_OUTPUT",      "GTEST_BRIEF",        "GTEST_FILTER",
-                                             "GTEST_REPEAT",      "GTEST_FAIL_FAST"};
-
-std::string var_name(const char* entry) {
-    const char* eq = std::strchr(entry, '=');
-    return eq ? std::string(entry, eq) : std::string(entry);
-}
-
-std::vector<std::string> child_environment(const std::vector<std::pair<std::string, std::string>>& env,
-                                           const std::vector<std::string>& unset) {
-    std::vector<std::string> removed(unset.begin(), unset.end());
-    removed.insert(removed.end(), std::begin(kDroppedGtestVars), std::end(kDroppedGtestVars));
-    for (const auto& [name, value] : env) removed.push_back(name);
-
-    std::vector<std::string> out;
-    for (char** e = environ; *e != nullptr; ++e) {
-        if (std::find(removed.begin(), removed.end(), var_name(*e)) == removed.end()) out.emplace_back(*e);
-    }
-    for (const auto& [name, value] : env) out.push_back(name + "=" + value);
-    return out;
-}
-
-std::vector<char*> pointers(std::vector<std::string>& strings) {
-    std::vector<char*> out;
-    for (std::string& s : strings) out.push_back(s.data());
-    out.push_back(nullptr);
-    return out;
-}
-
-std::string describe(const std::string& filter, const std::vector<std::pair<std::string, std::string>>& env,
-                     const std::vector<std::string>& unset) {
-    std::string s = "child run of " + filter + " with";
-    for (const auto& [name, value] : env) s += " " + name + "=\"" + value + "\"";
-    for (const std::string& name : unset) s += " -" + name;
-    return s;
-}
-
-}  // namespace
-
 ::testing::AssertionResult run_child(const std::string& gtest_filter,
                                      const std::vector<std::pair<std::string, std::string>>& env,
                                      const std::vector<std::string>& unset) {
-    const std::string what = describe(gtest_filter, env, unset);
-
+    std::string what = "child run of " + gtest_filter + " with";
+    // Variables of the parent's test run that must not reach the child: sharding
+    // would make it skip the test asked for, an output file would be overwritten
+    // and brief output would hide the line that proves the test ran.
+    std::vector<std::string> removed = {"GTEST_SHARD_INDEX", "GTEST_TOTAL_SHARDS", "GTEST_SHARD_STATUS_FILE",
+                                        "GTEST_OUTPUT",      "GTEST_BRIEF",        "GTEST_FILTER",
+                                        "GTEST_REPEAT",      "GTEST_FAIL_FAST"};
+    for (const std::string& name : unset) {
+        what += " -" + name;
+        removed.push_back(name);
+    }
+    std::vector<std::string> envs;
+    for (const auto& [name, value] : env) {
+        what += " " + name + "=\"" + value + "\"";
+        removed.push_back(name);
+        envs.push_back(name + "=" + value);
+    }
+    for (char** e = environ; *e != nullptr; ++e) {
+        const std::string entry = *e;
+        if (std::ranges::find(removed, entry.substr(0, entry.find('='))) == removed.end()) envs.push_back(entry);
+    }
     std::vector<std::string> args = {"/proc/self/exe", "--gtest_filter=" + gtest_filter,
                                      "--gtest_also_run_disabled_tests", "--gtest_color=no", "--gtest_brief=0"};
-    std::vector<std::string> envs = child_environment(env, unset);
-    std::vector<char*> argv = pointers(args);
-    std::vector<char*> envp = pointers(envs);
+    std::vector<char*> argv, envp;
+    for (std::string& s : args) argv.push_back(s.data());
+    for (std::string& s : envs) envp.push_back(s.data());
+    argv.push_back(nullptr);
+    envp.push_back(nullptr);
 
     int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) {
-        return ::testing::AssertionFailure() << what << ": pipe failed: " << std::strerror(errno);
-    }
+    if (pipe2(fds, O_CLOEXEC) != 0) return ::testing::AssertionFailure() << what << ": pipe: " << std::strerror(errno);
     // posix_spawn rather than fork: the test process may already run threads
     // (stream workers, the host pool), and nothing but exec is safe after a
     // fork of such a process.
@@ -84,29 +58,20 @@ std::string describe(const std::string& filter, const std::vector<std::pair<std:
     const int rc = posix_spawn(&pid, "/proc/self/exe", &actions, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     close(fds[1]);
-    if (rc != 0) {
-        close(fds[0]);
-        return ::testing::AssertionFailure() << what << ": spawn failed: " << std::strerror(rc);
-    }
-
     std::string output;
     char buf[4096];
-    for (;;) {
-        const ssize_t got = read(fds[0], buf, sizeof buf);
-        if (got > 0) {
-            output.append(buf, static_cast<std::size_t>(got));
-        } else if (got == 0 || errno != EINTR) {
-            break;
-        }
+    for (ssize_t got; rc == 0 && (got = read(fds[0], buf, sizeof buf)) != 0;) {
+        if (got > 0) output.append(buf, static_cast<std::size_t>(got));
+        else if (errno != EINTR) break;
     }
     close(fds[0]);
+    if (rc != 0) return ::testing::AssertionFailure() << what << ": spawn: " << std::strerror(rc);
 
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
     if (WIFSIGNALED(status)) {
-        return ::testing::AssertionFailure() << what << ": killed by signal " << WTERMSIG(status) << "\n"
-                                             << output;
+        return ::testing::AssertionFailure() << what << ": killed by signal " << WTERMSIG(status) << "\n" << output;
     }
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         return ::testing::AssertionFailure() << what << ": exit status " << WEXITSTATUS(status) << "\n" << output;
