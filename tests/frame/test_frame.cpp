@@ -1,7 +1,10 @@
-// The frame's pieces: the debug gate, the checks and their log records, and
-// the order of trace and checks in a real operator.
+// The frame's pieces: the debug gate, the checks with their log records,
+// address classification and region validity, and the parameter record.
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <limits>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -14,169 +17,224 @@ using namespace orvane::tsu::api;
 namespace frame = infer_ops::frame;
 using tsuops_test::LogCapture;
 
-// A host context whose device type and debug word a case sets freely; the
-// checks and the gate only read them.
+const void* addr(std::uint64_t a) { return reinterpret_cast<const void*>(a); }
+constexpr std::uint64_t at(std::uint64_t hi, std::uint64_t lo) { return (hi << 32) | lo; }
+
+// A host context with any device type and debug word: the pieces only read them.
 struct FakeDevice {
     Context ctx{DeviceType::CPU};
-    FakeDevice(std::uint32_t dev, std::uint32_t flags) {
-        ctx.dev_type = dev;
-        ctx.debug_flags = flags;
-    }
+    FakeDevice(std::uint32_t dev, std::uint32_t flags = 0) { ctx.dev_type = dev; ctx.debug_flags = flags; }
 };
 
-struct GateCase {
-    std::uint32_t dev;
-    std::uint32_t flags;
-    bool active;
-};
-
-class DebugGate : public ::testing::TestWithParam<GateCase> {};
-
-TEST_P(DebugGate, TruthTable) {
-    const auto c = GetParam();
-    FakeDevice f(c.dev, c.flags);
-    EXPECT_EQ(frame::debug_active(&f.ctx), c.active) << "dev " << c.dev << " flags 0x" << std::hex << c.flags;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Frame, DebugGate,
-    ::testing::Values(
-        // Bits 0-15 switch tracing on for devices, and on the host only with one of bits 16-19.
-        GateCase{0, 0x10, false}, GateCase{3, 0x10, true}, GateCase{1, 0x10, true}, GateCase{5, 0x8000, true},
-        // Bits 16-19 alone switch nothing on anywhere.
-        GateCase{0, 0x10000, false}, GateCase{3, 0x10000, false}, GateCase{3, 0xf0000, false},
-        GateCase{0, 0x10010, true}, GateCase{3, 0x10010, true}, GateCase{0, 0x80001, true},
-        // Bits 20-23 count like bits 0-15.
-        GateCase{0, 0x100000, false}, GateCase{2, 0x100000, true}, GateCase{0, 0x140000, true},
-        // Bits 24-31 are never part of the gate.
-        GateCase{0, 0xff000000, false}, GateCase{3, 0xff000000, false}, GateCase{3, 0xff0f0000, false},
-        GateCase{0, 0, false}, GateCase{3, 0, false}));
-
-TEST(DebugChecksumLevel, ReadsBitsFourToSevenOnlyWhenTheGateIsOn) {
-    FakeDevice host(0, 0x30);
-    EXPECT_EQ(debug_checksum_level(&host.ctx), 0);
-    FakeDevice dev(3, 0x30);
-    EXPECT_EQ(debug_checksum_level(&dev.ctx), 3);
-    FakeDevice host_on(0, 0x100f0);
-    EXPECT_EQ(debug_checksum_level(&host_on.ctx), 15);
-}
-
-struct ShapeCase {
-    std::vector<long> shape;
-    std::uint32_t dev;
-    int status;
-};
-
-class ShapeCheck : public ::testing::TestWithParam<ShapeCase> {};
-
-TEST_P(ShapeCheck, BoundsAndLog) {
-    const auto& c = GetParam();
-    FakeDevice f(c.dev, 0);
-    LogCapture logs;
-    long count = -7;
-    EXPECT_EQ(frame::check_shape(&f.ctx, c.shape, &count), c.status);
-    if (c.status == 0) {
-        long product = 1;
-        for (long d : c.shape) product *= d;
-        EXPECT_EQ(count, product);
-        EXPECT_EQ(logs.records().size(), 0u);
-    } else {
-        EXPECT_EQ(count, -7) << "a failed check leaves the count alone";
-        ASSERT_EQ(logs.count("invalid_shape"), 1u);
-        const auto rec = logs.of_kind("invalid_shape").front();
-        ASSERT_EQ(rec.fields.size(), c.shape.size());
-        for (std::size_t i = 0; i < c.shape.size(); ++i) EXPECT_EQ(rec.fields[i], std::to_string(c.shape[i]));
+// The checksum level is bits 4-7, and only while the gate is on.
+TEST(Frame, DebugGateTruthTableAndChecksumLevel) {
+    const struct { std::uint32_t dev, flags; bool active; } cases[] = {
+        // Bits 0-15 and 20-23 switch tracing on for devices, on the host only with one of bits 16-19.
+        {0, 0x30, false}, {3, 0x30, true}, {1, 0x10, true}, {5, 0x8000, true}, {0, 0x10010, true},
+        {3, 0x10010, true}, {0, 0x800f0, true}, {0, 0x100000, false}, {2, 0x100000, true}, {0, 0x140000, true},
+        // Bits 16-19 alone, and bits 24-31, switch nothing on anywhere.
+        {0, 0x10000, false}, {3, 0xf0000, false}, {0, 0xff000000, false}, {3, 0xff0f0000, false}, {3, 0, false},
+    };
+    for (const auto& c : cases) {
+        FakeDevice f(c.dev, c.flags);
+        EXPECT_EQ(frame::debug_active(&f.ctx), c.active) << "dev " << c.dev << " flags 0x" << std::hex << c.flags;
+        EXPECT_EQ(debug_checksum_level(&f.ctx), c.active ? static_cast<int>((c.flags >> 4) & 15) : 0) << c.flags;
     }
 }
 
-constexpr long k2p31 = 1L << 31;
-
-INSTANTIATE_TEST_SUITE_P(
-    Frame, ShapeCheck,
-    ::testing::Values(
-        // The 2^31 bound holds on device types 1 and 2 only.
-        ShapeCase{{65536, 65536}, 2, 1}, ShapeCase{{65536, 65536}, 1, 1}, ShapeCase{{65536, 65536}, 3, 0},
-        ShapeCase{{65536, 65536}, 0, 0}, ShapeCase{{65536, 65536}, 5, 0}, ShapeCase{{k2p31 - 1}, 2, 0},
-        ShapeCase{{k2p31}, 2, 1}, ShapeCase{{k2p31}, 3, 0}, ShapeCase{{2, k2p31 / 2 - 1, 1}, 1, 0},
-        ShapeCase{{2, k2p31 / 2}, 1, 1},
+TEST(Frame, ShapeCheckBoundsAndLog) {
+    constexpr long k2p31 = 1L << 31;
+    const struct { std::vector<long> shape; std::uint32_t dev; int status; } cases[] = {
+        // The 2^31 bound of the running product holds on device types 1 and 2 only.
+        {{65536, 65536}, 2, 1}, {{65536, 65536}, 1, 1}, {{65536, 65536}, 3, 0}, {{65536, 65536}, 0, 0},
+        {{65536, 65536}, 5, 0}, {{k2p31 - 1}, 2, 0}, {{k2p31}, 2, 1}, {{2, k2p31 / 2 - 1, 1}, 1, 0},
+        {{2, k2p31 / 2}, 1, 1},
         // A dimension below 1 or an empty shape fails everywhere.
-        ShapeCase{{3, 0, 2}, 0, 1}, ShapeCase{{3, 0, 2}, 3, 1}, ShapeCase{{-1}, 0, 1}, ShapeCase{{}, 0, 1},
-        ShapeCase{{}, 3, 1}, ShapeCase{{1}, 3, 0}));
-
-TEST(CompareCheck, LogsBothSidesAsTextWithTheCallersPosition) {
-    FakeDevice f(3, 0);
-    LogCapture logs;
-    struct Case {
-        int status;
-        std::vector<std::string> fields;
+        {{3, 0, 2}, 0, 1}, {{3, 0, 2}, 3, 1}, {{-1}, 0, 1}, {{}, 3, 1}, {{1}, 3, 0},
     };
-    std::vector<Case> got;
-    std::vector<int> lines;
-    auto record = [&](int st) {
-        got.push_back({st, logs.records().empty() ? std::vector<std::string>{} : logs.records().back().fields});
-    };
-    lines.push_back(__LINE__ + 1);
-    record(frame::check(&f.ctx, 5L, frame::Rel::GT, 7L));
-    lines.push_back(__LINE__ + 1);
-    record(frame::check(&f.ctx, 3, frame::Rel::EQ, 4));
-    lines.push_back(__LINE__ + 1);
-    record(frame::check(&f.ctx, std::vector<int>(2).size(), frame::Rel::LT, 1ul));
-    lines.push_back(__LINE__ + 1);
-    record(frame::check(&f.ctx, 0.5f, frame::Rel::LE, 0.25f));
-    lines.push_back(__LINE__ + 1);
-    record(frame::check_ptr(&f.ctx, static_cast<float*>(nullptr)));
-    lines.push_back(__LINE__ + 1);
-    record(frame::check_scratch(&f.ctx, static_cast<int*>(nullptr)));
-    lines.push_back(__LINE__ + 1);
-    record(frame::check_nested(&f.ctx, 2));
-
-    const std::vector<Case> want = {
-        {1, {"5", ">", "7"}},          {1, {"3", "==", "4"}},       {1, {"2", "<", "1"}},
-        {1, {"0.500000", "<=", "0.250000"}}, {1, {"ptr(0)", "!=", "nullptr"}}, {3, {"ptr(0)", "!=", "nullptr"}},
-        {2, {"2", "==", "SUCCESS"}},
-    };
-    ASSERT_EQ(got.size(), want.size());
-    ASSERT_EQ(logs.count("compare_fail"), want.size());
-    for (std::size_t i = 0; i < want.size(); ++i) {
-        EXPECT_EQ(got[i].status, want[i].status) << i;
-        EXPECT_EQ(got[i].fields, want[i].fields) << i;
-        EXPECT_EQ(logs.records()[i].line, lines[i]) << i;
-        EXPECT_NE(logs.records()[i].file.find("test_frame.cpp"), std::string::npos);
+    for (const auto& c : cases) {
+        FakeDevice f(c.dev);
+        LogCapture logs;
+        long count = -7, product = 1;
+        std::vector<std::string> dims;
+        for (long d : c.shape) { product *= d; dims.push_back(std::to_string(d)); }
+        EXPECT_EQ(frame::check_shape(&f.ctx, c.shape, &count), c.status) << dims.size() << " dims on " << c.dev;
+        EXPECT_EQ(count, c.status == 0 ? product : -7);
+        const auto logged = logs.of_kind("invalid_shape");
+        ASSERT_EQ(logged.size(), c.status == 0 ? 0u : 1u);
+        for (const auto& r : logged) EXPECT_EQ(r.fields, dims);
     }
 }
 
-TEST(CompareCheck, PassingChecksLogNothing) {
-    FakeDevice f(0, 0);
+TEST(Frame, FailedChecksLogTextsAndTheCallersLine) {
+    FakeDevice f(3);
     LogCapture logs;
-    int x = 0;
-    EXPECT_EQ(frame::check(&f.ctx, -1L, frame::Rel::LT, 0), 0);
-    EXPECT_EQ(frame::check(&f.ctx, std::size_t{3}, frame::Rel::GE, 3L), 0);
-    EXPECT_EQ(frame::check_ptr(&f.ctx, &x), 0);
-    EXPECT_EQ(frame::check_dims(&f.ctx, {1, 2, 3}), 0);
-    EXPECT_EQ(frame::check_nested(&f.ctx, 0), 0);
-    EXPECT_TRUE(logs.records().empty());
+    const int line = __LINE__;
+    const std::vector<int> got = {frame::check(&f.ctx, 5L, frame::Rel::GT, 7L),
+                                  frame::check(&f.ctx, 3, frame::Rel::EQ, 4),
+                                  frame::check(&f.ctx, std::vector<int>(2).size(), frame::Rel::LT, 1ul),
+                                  frame::check(&f.ctx, 0.5f, frame::Rel::LE, 0.25f),
+                                  frame::check_ptr(&f.ctx, static_cast<float*>(nullptr)),
+                                  frame::check_scratch(&f.ctx, static_cast<int*>(nullptr)),
+                                  frame::check_nested(&f.ctx, 2),
+                                  frame::check_dims(&f.ctx, {4, 0, 9})};
+    EXPECT_EQ(got, (std::vector<int>{1, 1, 1, 1, 1, 3, 2, 1}));
+    const std::vector<std::vector<std::string>> fields = {
+        {"5", ">", "7"},           {"3", "==", "4"},           {"2", "<", "1"},        {"0.500000", "<=", "0.250000"},
+        {"ptr(0)", "!=", "nullptr"}, {"ptr(0)", "!=", "nullptr"}, {"2", "==", "SUCCESS"}, {"4", "0", "9"}};
+    const auto recs = logs.records();
+    ASSERT_EQ(recs.size(), fields.size());
+    for (std::size_t i = 0; i < recs.size(); ++i) {
+        EXPECT_EQ(recs[i].kind, i + 1 < recs.size() ? "compare_fail" : "invalid_shape") << i;
+        EXPECT_EQ(recs[i].fields, fields[i]) << i;
+        EXPECT_EQ(recs[i].line, line + 1 + static_cast<int>(i)) << i;
+        EXPECT_NE(recs[i].file.find("test_frame.cpp"), std::string::npos);
+    }
 }
 
-TEST(DimensionCheck, LogsAllSizesOnTheFirstBadOne) {
-    FakeDevice f(3, 0);
-    LogCapture logs;
-    EXPECT_EQ(frame::check_dims(&f.ctx, {4, 0, 9}), 1);
-    ASSERT_EQ(logs.count("invalid_shape"), 1u);
-    EXPECT_EQ(logs.of_kind("invalid_shape").front().fields, (std::vector<std::string>{"4", "0", "9"}));
-}
-
-TEST(Dispatch, PicksThePathByDeviceType) {
-    LogCapture logs;
-    auto run = [](std::uint32_t dev, frame::Device accepted) {
-        FakeDevice f(dev, 0);
-        return frame::dispatch(&f.ctx, [] { return 10; }, [] { return 20; }, accepted);
+TEST(Region, ClassifiesEveryBoundaryOfTheAddressMap) {
+    constexpr auto INV = MemoryKind::INVALID, GM = MemoryKind::GM, L3 = MemoryKind::L3;
+    const struct { std::uint32_t dev; std::uint64_t address; MemoryKind kind; } cases[] = {
+        // Null is NULL everywhere; the host takes any other address.
+        {0, 0, MemoryKind::NULL_PTR}, {7, 0, MemoryKind::NULL_PTR}, {0, 0x1, MemoryKind::CPU},
+        {0, 0xffffffffffffffffull, MemoryKind::CPU},
+        // Type 1: L3 for hi 0 or 4 with the 0xc0 top byte, GM for hi 2, 3, 6, 7.
+        {1, at(4, 0xc0123456), L3}, {1, at(0, 0xc0000000), L3}, {1, at(0, 0xc0ffffff), L3}, {1, at(0, 0xc1000000), INV},
+        {1, at(0, 0xbfffffff), INV}, {1, at(4, 0x1000), INV}, {1, at(2, 0), GM}, {1, at(3, 0xffffffff), GM},
+        {1, at(6, 0), GM}, {1, at(7, 0), GM}, {1, at(5, 0), INV}, {1, at(8, 0), INV}, {1, at(1, 0), INV},
+        // Type 2: L3 in [0xc0000000, 0xc4000000), GM in [2^35, 2^36).
+        {2, 0xc0000000, L3}, {2, 0xc3ffffff, L3}, {2, 0xc4000000, INV}, {2, 0xbfffffff, INV}, {2, 0x800000000, GM},
+        {2, 0xfffffffff, GM}, {2, 0x7ffffffff, INV}, {2, 0x1000000000, INV},
+        // Type 3: L3 in [0x90000000, 0x96000000) with hi 0, GM when bit 6 of hi is set.
+        {3, 0x90000000, L3}, {3, 0x95ffffff, L3}, {3, 0x96000000, INV}, {3, 0x8fffffff, INV},
+        {3, at(1, 0x90000000), INV}, {3, at(0x40, 0), GM}, {3, at(0x3f, 0xffffffff), INV},
+        {3, at(0x7fff, 0xffffffff), GM}, {3, at(0x80, 0), INV},
+        // Types 4 and 5: GM when the low byte of hi is in [64, 224).
+        {4, at(223, 0), GM}, {4, at(224, 0), INV}, {4, at(64, 0), GM}, {4, at(63, 0xffffffff), INV},
+        {4, at(0x1c0, 0), GM}, {5, at(0x5040, 0), GM}, {5, 0x90000000, L3}, {5, 0x96000000, INV},
+        // Unknown device types know no memory.
+        {6, at(0x5040, 0), INV}, {6, 0x90000000, INV},
     };
-    EXPECT_EQ(run(0, frame::Device::tsu3), 10);
-    EXPECT_EQ(run(3, frame::Device::tsu3), 20);
-    EXPECT_EQ(run(2, frame::Device::tsu2or3), 20);
-    EXPECT_EQ(logs.count("unimplement"), 0u);
-    for (std::uint32_t dev : {1u, 2u, 4u, 5u, 9u}) EXPECT_EQ(run(dev, frame::Device::tsu3), 4) << dev;
-    EXPECT_EQ(logs.count("unimplement"), 5u);
+    for (const auto& c : cases) {
+        EXPECT_EQ(classify_address(c.dev, addr(c.address)), c.kind) << "dev " << c.dev << std::hex << " " << c.address;
+    }
+}
+
+TEST(Region, ValidityOfFloatRegions) {
+    const struct { std::uint32_t dev; std::uint64_t ptr; long len; long stride; bool valid; } cases[] = {
+        // The last element's first byte must still lie in the same memory.
+        {3, 0x95fffff0, 4, 1, true}, {3, 0x95fffff0, 5, 1, false}, {3, at(0x7f, 0xfffffff0), 4, 1, true},
+        {3, at(0x7f, 0xfffffff0), 5, 1, false}, {2, 0xffffffff0, 4, 1, true}, {2, 0xffffffff0, 5, 1, false},
+        {2, 0xc3fffffc, 1, 1, true}, {2, 0xc3fffffc, 2, 1, false},
+        // Straddling L3 and GM.
+        {3, 0x95fffffc, 1L << 30, 1, false},
+        // Type 2 also wants begin and end in the same 4 GiB; type 3 only in order.
+        {2, 0x8fffffffc, 2, 1, false}, {3, at(0x40, 0xfffffffc), 2, 1, true},
+        // Negative strides extend the region downwards; a zero stride stays put.
+        {3, 0x90000008, 3, -1, true}, {3, 0x90000008, 4, -1, false}, {3, 0x90000000, 100, 0, true},
+        // Zero length, null, and addresses that classify as nothing.
+        {0, 0x1000, 0, 1, false}, {3, 0x90000000, 0, 1, false}, {3, 0, 4, 1, false}, {0, 0, 4, 1, false},
+        {3, 0x1000, 4, 1, false}, {3, 0x8000000000, 4, 1, false},
+        // The host knows nothing of its memory: any non-null pointer passes.
+        {0, 0x1000, 4, 1, true}, {0, 0xfffffffffffffff0ull, 1L << 40, 1, true},
+    };
+    for (const auto& c : cases) {
+        FakeDevice f(c.dev);
+        memory_region r(true, addr(c.ptr), c.len, 0);
+        r.strides = {c.stride};
+        EXPECT_EQ(r.is_valid<float>(&f.ctx), c.valid)
+            << "dev " << c.dev << std::hex << " 0x" << c.ptr << std::dec << " len " << c.len << " stride " << c.stride;
+    }
+    FakeDevice f(3);
+    memory_region huge(true, addr(at(0x40, 0)), 1L << 62, 0);
+    EXPECT_FALSE(huge.is_valid<double>(&f.ctx)) << "(high - low + 1) * 8 exceeds 2^63 - 1";
+    huge.strides.push_back(1);
+    EXPECT_FALSE(huge.is_valid<signed char>(&f.ctx)) << "shape and strides differ in size";
+    huge.shape.clear();
+    huge.strides.clear();
+    EXPECT_TRUE(huge.is_valid<float>(&f.ctx)) << "an empty shape passes: one element at ptr";
+}
+
+// A detail is made only when wanted, and only then is the name read.
+TEST(Region, DetailOnlyWhenWanted) {
+    memory_region r(true, addr(0x1000), 4, 2);
+    EXPECT_NO_THROW(r.init_detail<float>(false, 0, __FILE__, __LINE__, nullptr, false, nullptr));
+    EXPECT_EQ(r.detail, nullptr);
+    try {
+        r.init_detail<float>(true, 0, __FILE__, __LINE__, nullptr, false, nullptr);
+        ADD_FAILURE() << "a wanted detail with a null name throws";
+    } catch (const std::logic_error& e) {
+        EXPECT_STREQ(e.what(), "basic_string::_M_construct null not valid");
+    }
+    r.init_detail<long long>(true, 17, __FILE__, __LINE__, "x", true, nullptr);
+    const memory_region copy(r);  // copies the detail
+    ASSERT_TRUE(r.detail != nullptr && copy.detail != nullptr && copy.detail != r.detail);
+    EXPECT_TRUE(copy.detail->name == "x" && copy.detail->dtype == Dtype::FLOAT32) << "long long has no tag: 0";
+}
+
+using Params = std::vector<std::string>;
+
+constexpr std::uint64_t kGm = 0x504000001000ull, kGm2 = 0x504000002000ull, kL3 = 0x90000100ull;
+
+Params dump(std::uint32_t dev, const std::vector<const void*>& ptrs) {
+    FakeDevice f(dev);
+    function_info info;
+    for (const void* p : ptrs) info.add_param(&f.ctx, p);
+    return info.params;
+}
+
+// A recurring device pointer labels its first entry too, by a counter common
+// to GM and L3; host, null and unclassified pointers are never labelled.
+TEST(ParamDump, PointerEntriesAndAliasLabels) {
+    const void *gm = addr(kGm), *gm2 = addr(kGm2), *l3 = addr(kL3), *bad = addr(0x1000);
+    EXPECT_EQ(dump(3, {gm, gm, gm, gm2, gm2}), (Params{"\"GM_0\"", "\"GM_0\"", "\"GM_0\"", "\"GM_1\"", "\"GM_1\""}));
+    EXPECT_EQ(dump(3, {l3, gm, gm, l3, bad, bad}),
+              (Params{"\"L3_1\"", "\"GM_0\"", "\"GM_0\"", "\"L3_1\"", "\"INVALID\"", "\"INVALID\""}));
+    float x = 0;
+    EXPECT_EQ(dump(0, {&x, &x, nullptr, nullptr}), (Params{"\"CPU\"", "\"CPU\"", "\"NULL\"", "\"NULL\""}));
+
+    FakeDevice f(3);
+    function_info info;
+    info.add_param(&f.ctx, std::vector<float*>{reinterpret_cast<float*>(kGm), reinterpret_cast<float*>(kL3), nullptr});
+    EXPECT_EQ(info.params, (Params{"{", "\"GM\"", "\"L3\"", "\"NULL\"", "}"}));
+}
+
+TEST(ParamDump, ValueTexts) {
+    Context ctx;
+    const std::pair<float, const char*> cases[] = {
+        {1e-5f, "1e-05"}, {0.5f, "0.5"}, {1234567.0f, "1.23457e+06"}, {-2.0f, "-2"},
+        {-std::numeric_limits<float>::infinity(), "-INFINITY"}, {std::nanf(""), "NAN"},
+    };
+    for (const auto& [v, text] : cases) EXPECT_EQ(ornet_param_to_str<float>(&ctx, v), text) << v;
+    const long lod[] = {0, 3, 1L << 40};
+    EXPECT_EQ(ornet_param_to_str(&ctx, VectorParam<long>{lod, 3}), "{0, 3, 1099511627776}");
+    EXPECT_EQ(ornet_param_to_str(&ctx, VectorParam<int>{nullptr, 4}), "\"cpu_nullptr\"");
+}
+
+// A traced constant records its name, types, arguments and L3 size before any check fails.
+TEST(ParamDump, TracedConstantRecordsItsArgumentsBeforeTheChecks) {
+    auto ctx = tsuops_test::device_context();
+    ctx->debug_flags = 0x1;
+    tsuops_test::GuardedBuffer<float16> x(ctx.get(), 8);
+    tsuops_test::LogCapture logs;
+    std::vector<std::size_t> failures_at_trace;
+    std::vector<function_info> seen;
+    set_trace_sink([&](const function_info& f) {
+        seen.push_back(f);
+        failures_at_trace.push_back(logs.failures().size());
+    });
+    EXPECT_EQ(infer_ops::constant<float16>(ctx.get(), x.data(), 8, float16(1.5f)), 0);
+    EXPECT_EQ(infer_ops::constant<float>(ctx.get(), reinterpret_cast<float*>(x.data()), 0, 1.5f), 1);
+    set_trace_sink({});
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[0].name, "constant");
+    EXPECT_EQ(seen[0].dtypes, Params{"float16"});
+    const std::string l3 = std::to_string(ctx->l3_size);
+    EXPECT_EQ(seen[0].params, (Params{"\"GM\"", "8", "1.500000", l3}));
+    EXPECT_EQ(seen[1].dtypes, Params{"float"});
+    EXPECT_EQ(seen[1].params, (Params{"\"GM\"", "0", "1.5", l3}));
+    EXPECT_EQ(failures_at_trace, (std::vector<std::size_t>{0, 0}));
+    EXPECT_EQ(logs.count("invalid_memory"), 1u);
 }
 
 }  // namespace
