@@ -17,7 +17,7 @@ int cpu_wrapper(const T* x, T* y, long len) {
 
 template <typename T>
 int tsu3_wrapper(Context* ctx, const T* x, T* y, long len) {
-    return frame::cluster_launch(ctx)(&tsu3::__device_stub__infer_memcpy_1d<>, reinterpret_cast<const char*>(x),
+    return frame::cluster_launch(ctx)(&tsu3::__device_stub__infer_memcpy_1d, reinterpret_cast<const char*>(x),
                                       reinterpret_cast<char*>(y), len * static_cast<long>(sizeof(T)));
 }
 
