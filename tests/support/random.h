@@ -100,10 +100,10 @@ T random_subnormal(Rng& rng) {
 }
 
 template <class T>
-T special_float(Rng& rng, const RandomSpec& spec) {
+T special_float(Rng& rng, const RandomSpec& draw) {
     std::vector<unsigned> kinds;
     for (unsigned k : {kNaN, kInfinity, kSubnormal, kSignedZero, kBeyondRange}) {
-        if ((spec.specials & k) && (k != kBeyondRange || spec.beyond > 0)) kinds.push_back(k);
+        if ((draw.specials & k) && (k != kBeyondRange || draw.beyond > 0)) kinds.push_back(k);
     }
     if (kinds.empty()) return static_cast<T>(0.0);
     const double sign = rng.coin() ? -1.0 : 1.0;
@@ -118,7 +118,7 @@ T special_float(Rng& rng, const RandomSpec& spec) {
         return static_cast<T>(sign * 0.0);
     default: {
         // The limit itself, one past it, half past it, and well beyond.
-        const double b = spec.beyond;
+        const double b = draw.beyond;
         const double picks[] = {b, b + 1.0, b + 0.5, b * (1.0 + 3.0 * rng.unit())};
         return static_cast<T>(sign * std::min(picks[rng.below(4)], largest_finite<T>()));
     }
@@ -133,14 +133,14 @@ T special_integer(Rng& rng) {
 }
 
 template <class T>
-T uniform_integer(Rng& rng, const RandomSpec& spec) {
+T uniform_integer(Rng& rng, const RandomSpec& draw) {
     using L = std::numeric_limits<T>;
     const auto clamp = [](double v) -> long double {
         return std::clamp(static_cast<long double>(v), static_cast<long double>(L::min()),
                           static_cast<long double>(L::max()));
     };
-    const T a = spec.lo ? static_cast<T>(std::ceil(clamp(*spec.lo))) : L::min();
-    const T b = spec.hi ? static_cast<T>(std::floor(clamp(*spec.hi))) : L::max();
+    const T a = draw.lo ? static_cast<T>(std::ceil(clamp(*draw.lo))) : L::min();
+    const T b = draw.hi ? static_cast<T>(std::floor(clamp(*draw.hi))) : L::max();
     if (b <= a) return a;
     const std::uint64_t span = static_cast<std::uint64_t>(b) - static_cast<std::uint64_t>(a);
     const std::uint64_t r = span == ~std::uint64_t{0} ? rng.next() : rng.below(span + 1);
@@ -149,24 +149,24 @@ T uniform_integer(Rng& rng, const RandomSpec& spec) {
 
 }  // namespace detail
 
-// n elements; the same (n, seed, spec) gives the same tensor on every run.
+// n elements; the same (n, seed, draw) gives the same tensor on every run.
 // Floating values are drawn in double and narrowed once to T.
 template <class T>
-std::vector<T> random_tensor(long n, std::uint64_t seed, const RandomSpec& spec = {}) {
+std::vector<T> random_tensor(long n, std::uint64_t seed, const RandomSpec& draw = {}) {
     std::vector<T> out;
     detail::Rng rng(seed);
     for (long i = 0; i < n; ++i) {
-        const bool special = spec.special_fraction > 0 && rng.unit() < spec.special_fraction;
+        const bool special = draw.special_fraction > 0 && rng.unit() < draw.special_fraction;
         if constexpr (std::is_same_v<T, bool>) {
             out.push_back(rng.coin());
         } else if constexpr (detail::is_half<T> || std::is_floating_point_v<T>) {
-            const double lo = spec.lo.value_or(-1.0);
-            const double hi = spec.hi.value_or(1.0);
-            out.push_back(special ? detail::special_float<T>(rng, spec)
+            const double lo = draw.lo.value_or(-1.0);
+            const double hi = draw.hi.value_or(1.0);
+            out.push_back(special ? detail::special_float<T>(rng, draw)
                                   : static_cast<T>(lo + (hi - lo) * rng.unit()));
         } else {
-            out.push_back(special && (spec.specials & kExtremes) ? detail::special_integer<T>(rng)
-                                                                 : detail::uniform_integer<T>(rng, spec));
+            out.push_back(special && (draw.specials & kExtremes) ? detail::special_integer<T>(rng)
+                                                                 : detail::uniform_integer<T>(rng, draw));
         }
     }
     return out;

@@ -71,10 +71,10 @@ TYPED_TEST(Add, DeviceMatchesHostOnTheFoldedShape) {
     using T = TypeParam;
     auto host = host_context();
     auto dev = device_context();
-    const auto spec = RandomSpec::with_specials(0.05).in(-100, 100);
+    const auto draw = RandomSpec::with_specials(0.05).in(-100, 100);
     for (const Fold& f : folds()) {
         const long len = f.m * f.n;
-        const auto xs = random_tensor<T>(len, len, spec), ys = random_tensor<T>(len, len + 1, spec);
+        const auto xs = random_tensor<T>(len, len, draw), ys = random_tensor<T>(len, len + 1, draw);
         GuardedBuffer<T> hx(host.get(), xs), hy(host.get(), ys), hz(host.get(), len);
         GuardedBuffer<T> dx(dev.get(), xs), dy(dev.get(), ys), dz(dev.get(), len);
         LaunchCapture launches;
@@ -270,8 +270,8 @@ std::vector<TX> inputs(long len, std::uint64_t seed) {
     const double r = std::is_same_v<TY, bool> ? 2.0 : std::is_same_v<TY, long> ? 0x1p31
                      : std::is_integral_v<TY>   ? double(std::numeric_limits<TY>::max())
                      : std::is_same_v<TY, float16> ? 65504.0 : 1e30;
-    const RandomSpec spec = RandomSpec::for_cast(r, 0.15).in(-1.5 * r, 1.5 * r);
-    std::vector<TX> v = random_tensor<TX>(len, seed, is_floating_v<TX> ? spec : RandomSpec::with_specials(0.15));
+    const RandomSpec draw = RandomSpec::for_cast(r, 0.15).in(-1.5 * r, 1.5 * r);
+    std::vector<TX> v = random_tensor<TX>(len, seed, is_floating_v<TX> ? draw : RandomSpec::with_specials(0.15));
     for (std::size_t i = 0; i < v.size() && i < std::size(ties); ++i) {
         if constexpr (std::is_same_v<TX, double>) v[i] = ties[i];
         else if constexpr (is_floating_v<TX>) v[i] = TX(static_cast<float>(ties[i]));
