@@ -160,28 +160,27 @@ std::span<tsuemu::KernelDescriptor> catalogue();
 }  // namespace tsuops::kernels
 
 #define TSU_KERNEL_DECLARE(family) TSU_FAMILY_##family(TSU_KERNEL_DECLARE_)
-#define TSU_KERNEL_DECLARE_(name, engine, tparams, targs, ...)                          \
-    namespace tsu3 {                                                                    \
-    template <TSU_PP_UNPAREN tparams>                                                   \
-    void name(TSU_PP_FOR_EACH(TSU_PP_DECL, __VA_ARGS__));                               \
-    template <TSU_PP_UNPAREN tparams>                                                   \
-    int __device_stub__##name(TSU_PP_FOR_EACH(TSU_PP_DECL, __VA_ARGS__));               \
-    }                                                                                   \
-    namespace tsuops::kernels {                                                         \
-    inline constexpr std::uint64_t engine_of_##name = engine;                           \
+#define TSU_KERNEL_DECLARE_(name, engine, tparams, targs, ...)          \
+    TSU_KERNEL_TEMPLATES(name, tparams, __VA_ARGS__)                    \
+    namespace tsuops::kernels {                                         \
+    inline constexpr std::uint64_t engine_of_##name = engine;           \
     }
 
 // A further signature of a kernel name already declared (template overloads
 // of one family): the same declarations without a second engine constant.
 #define TSU_KERNEL_DECLARE_MORE(family) TSU_FAMILY_##family(TSU_KERNEL_DECLARE_MORE_)
-#define TSU_KERNEL_DECLARE_MORE_(name, engine, tparams, targs, ...)                     \
-    namespace tsu3 {                                                                    \
-    template <TSU_PP_UNPAREN tparams>                                                   \
-    void name(TSU_PP_FOR_EACH(TSU_PP_DECL, __VA_ARGS__));                               \
-    template <TSU_PP_UNPAREN tparams>                                                   \
-    int __device_stub__##name(TSU_PP_FOR_EACH(TSU_PP_DECL, __VA_ARGS__));               \
-    }                                                                                   \
+#define TSU_KERNEL_DECLARE_MORE_(name, engine, tparams, targs, ...) \
+    TSU_KERNEL_TEMPLATES(name, tparams, __VA_ARGS__)                \
     static_assert(::tsuops::kernels::engine_of_##name == (engine), "one engine per kernel family");
+
+// The body template and its launch stub.
+#define TSU_KERNEL_TEMPLATES(name, tparams, ...)                                  \
+    namespace tsu3 {                                                              \
+    template <TSU_PP_UNPAREN tparams>                                             \
+    void name(TSU_PP_FOR_EACH(TSU_PP_DECL, __VA_ARGS__));                         \
+    template <TSU_PP_UNPAREN tparams>                                             \
+    int __device_stub__##name(TSU_PP_FOR_EACH(TSU_PP_DECL, __VA_ARGS__));         \
+    }
 
 #define TSU_KERNEL_DEFINE(family) TSU_FAMILY_##family(TSU_KERNEL_DEFINE_)
 #define TSU_KERNEL_DEFINE_(name, engine, tparams, targs, ...)                                          \
