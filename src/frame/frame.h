@@ -12,6 +12,8 @@
 
 #include <tsuapi/tsuapi.h>
 #include <tsuops/types.h>
+#include <tsuops/ctx_guard.h>
+#include <tsuops/vector_param.h>
 #include <tsurt/tsurt.h>
 
 #include "memory_region.h"
@@ -228,6 +230,20 @@ template <typename T>
 int optional_output(ContextStackGuard& g, Context* ctx, const char* name, const T* ptr, long len,
                     where at = where::current()) {
     return ptr ? region(g, ctx, name, ptr, len, false, at) : SUCCESS;
+}
+
+// The device copy of a length-offset parameter: to_tsu into the call's
+// scratch, the pointer check (status 1, not 3), and on a device the region
+// "<local>.tsu" over the copy, recorded as an output. `local` names the
+// operator's local that holds the copy, e.g. "x_lods_tsu".
+template <typename T>
+int device_copy(ContextStackGuard& g, Context* ctx, api::ctx_guard& scratch, const api::VectorParam<T>& param,
+                const char* local, api::VectorParam<T>& out, where at = where::current()) {
+    out = param.to_tsu(scratch);
+    if (int st = check_ptr(ctx, out.tsu, STATUS_INVALID_ARGUMENT, at)) return st;
+    if (ctx->dev_type == 0) return SUCCESS;
+    const std::string name = std::string(local) + ".tsu";
+    return region(g, ctx, name.c_str(), out.tsu, out.len, false, at);
 }
 
 // ---- dispatch and launch ------------------------------------------------------------------------

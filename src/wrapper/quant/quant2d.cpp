@@ -2,9 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
-#include <cstring>
 
+#include "frame/env_switch.h"
 #include "frame/frame.h"
 #include "frame/quant_rules.h"
 #include "kernels/quant/quant2d.h"
@@ -16,18 +15,9 @@ namespace {
 
 namespace sel = quant2d_select;
 
-// The switches are looked up once per process and compared on every call.
-const char* quant_gmx_env() {
-    static const char* const v = std::getenv("TSUOPS_QUANT_GMX");
-    return v;
-}
-
-const char* zfr_stable_env() {
-    static const char* const v = std::getenv("ZFR_STABLE");
-    return v;
-}
-
-bool switch_on(const char* v) { return v != nullptr && std::strcmp(v, "1") == 0; }
+constexpr auto kExactlyOne = frame::env_switch::rule::exactly_one;
+constinit const frame::env_switch quant_gmx_switch{"TSUOPS_QUANT_GMX", kExactlyOne};
+constinit const frame::env_switch zfr_stable_switch{"ZFR_STABLE", kExactlyOne};
 
 template <typename T>
 int cpu_wrapper(const T* x, signed char* y, float* scale, long m, long n, long ld) {
@@ -74,8 +64,8 @@ stub_t<T> stub_for(const sel::Choice& c) {
 template <typename T>
 int tsu3_wrapper(Context* ctx, const T* x, signed char* y, float* scale, long m, long n, long ld, bool use_gmx) {
     if (m <= 0) return SUCCESS;
-    const bool gmx = use_gmx || switch_on(quant_gmx_env());
-    const sel::Choice choice = sel::select(m, n, ctx->ncluster, gmx, switch_on(zfr_stable_env()));
+    const bool gmx = use_gmx || quant_gmx_switch.on();
+    const sel::Choice choice = sel::select(m, n, ctx->ncluster, gmx, zfr_stable_switch.on());
     const stub_t<T> stub = stub_for<T>(choice);
     const frame::launch launch = choice.gmx ? frame::gmx_launch(ctx) : frame::cluster_launch(ctx);
     // A launch takes at most kRowsPerCluster rows per cluster. A cluster

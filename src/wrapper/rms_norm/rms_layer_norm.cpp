@@ -3,11 +3,9 @@
 // whatever the target, because the reference defines the result bit for bit.
 #pragma GCC optimize("fp-contract=off")
 
-#include <cstdlib>
-#include <cstring>
-
 #include <tsuops/norm.h>
 
+#include "frame/env_switch.h"
 #include "frame/frame.h"
 #include "kernels/layer_norm/norm_numerics.h"
 #include "kernels/rms_norm/rms_norm.h"
@@ -68,11 +66,9 @@ int cpu_wrapper(const T* x, T* y, long m, long n, float eps, const TW* scale, co
     return SUCCESS;
 }
 
-// TSUOPS_RMSNORM_GMX, read once; only exactly "1" is on.
-bool gmx_switch_on() {
-    static const char* const value = std::getenv("TSUOPS_RMSNORM_GMX");
-    return value != nullptr && std::strcmp(value, "1") == 0;
-}
+constinit const frame::env_switch gmx_switch{"TSUOPS_RMSNORM_GMX", frame::env_switch::rule::exactly_one};
+
+bool gmx_switch_on() { return gmx_switch.on(); }
 
 template <typename T, typename TW>
 using short_row_stub = int (*)(float, long, long, const T*, T*, const TW*, bool);
