@@ -42,11 +42,19 @@ inline int round_half_away(float v) {
     return t + ((up ^ neg) - neg);
 }
 
+// c ? a : b through a bit mask. With a plain conditional GCC threads the
+// constant arm past the rounding, which leaves the float-to-int conversion
+// on one path only, and the loop stays scalar.
+inline float select(bool c, float a, float b) {
+    const std::uint32_t m = 0u - static_cast<std::uint32_t>(c);
+    return std::bit_cast<float>((std::bit_cast<std::uint32_t>(a) & m) | (std::bit_cast<std::uint32_t>(b) & ~m));
+}
+
 // q of a scaled store, a whole number in [-128, 127].
 inline int store_scaled(float x, float scale) {
     float v = x * scale;
-    v = v > kStoreMin ? v : kStoreMin;
-    v = v < kStoreMax ? v : kStoreMax;
+    v = select(v > kStoreMin, v, kStoreMin);
+    v = select(v < kStoreMax, v, kStoreMax);
     return round_half_away(v);
 }
 
