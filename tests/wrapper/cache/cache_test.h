@@ -93,7 +93,7 @@ std::vector<T> inputs(long rows, long dim, std::uint64_t seed) {
 template <class T>
 std::vector<unsigned char> raw(const std::vector<T>& v) {
     std::vector<unsigned char> out(v.size() * sizeof(T));
-    std::memcpy(out.data(), v.data(), out.size());
+    if (!v.empty()) std::memcpy(out.data(), v.data(), out.size());
     return out;
 }
 

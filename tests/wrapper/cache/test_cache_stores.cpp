@@ -70,8 +70,8 @@ TYPED_TEST(ReshapeAndCache, EveryHeadRowLandsAtItsSlot) {
             for (long t = 0; t < n; ++t) {
                 const long off = slots[t] % bs, base = slots[t] - off;
                 for (long h = 0; h < H; ++h) {
-                    std::copy_n(&k[(t * H + h) * kd], kd, &kc[base * H * kd + h * bs * kd + off * kd]);
-                    std::copy_n(&v[(t * H + h) * vd], vd, &vc[base * H * vd + h * bs * vd + off * vd]);
+                    std::copy_n(k.data() + (t * H + h) * kd, kd, kc.data() + base * H * kd + h * bs * kd + off * kd);
+                    std::copy_n(v.data() + (t * H + h) * vd, vd, vc.data() + base * H * vd + h * bs * vd + off * vd);
                 }
             }
             expect_model({raw(kc), raw(vc)}, [&](Context* ctx) {
@@ -165,7 +165,8 @@ TYPED_TEST(Store, PagedRowsLandAtTheirSlots) {
 TYPED_TEST(Store, SequencesLandInTheirSlotRows) {
     using T = typename TypeParam::X;
     using TC = typename TypeParam::Y;
-    const Batch s = make_batch(11, 2, 128, 1, {5, 23, 1, 9}, {3, 60, 0, 17});
+    // Heads longer than the kernels' conversion chunk.
+    const Batch s = make_batch(11, 2, 576, 1, {5, 23, 1, 9}, {3, 60, 0, 17});
     const long n = s.tokens(), H = s.heads, D = s.dim, max_slots = s.max_batch, len = 84;
     for (const auto& [values, scales] : kStoreCases) {
         SCOPED_TRACE(::testing::Message() << "values " << values << " scales " << scales);
@@ -246,7 +247,9 @@ TYPED_TEST_SUITE(ReshapeAndCachedLod, LodCaches, ElementTypeNames);
 TYPED_TEST(ReshapeAndCachedLod, SequencesLandThroughTheBlockTable) {
     using TC = TypeParam;
     constexpr long M = 3;  // the contexts' max_ptr_size
-    for (const Batch& s : batches(3, 40)) {
+    std::vector<Batch> sweep = batches(3, 40);
+    sweep.push_back(make_batch(20, 3, 600, 16, {4, 9}, {13, 0}));  // heads longer than the kernel's chunk
+    for (const Batch& s : sweep) {
         for (const char* layout : {"BHLD", "BLHD"}) {
             for (const bool extras : {false, true}) {  // scales and maxima
                 SCOPED_TRACE(::testing::Message() << "block size " << s.block_size << " " << layout << " extras "
