@@ -3,6 +3,7 @@
 #pragma once
 
 #include <tsuops/basic.h>
+#include <tsuops/cache.h>
 #include <tsuops/catalogue.h>
 #include <tsuops/cpu_ops.h>
 #include <tsuops/float16.h>

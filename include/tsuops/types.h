@@ -10,6 +10,11 @@ struct int4_t {
     std::uint8_t x;
 };
 
+// Two unsigned 4-bit values per byte, in the same order as int4_t.
+struct uint4_t {
+    std::uint8_t x;
+};
+
 namespace infer_ops {
 
 inline constexpr int SUCCESS = 0;
