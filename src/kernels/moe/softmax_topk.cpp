@@ -1,6 +1,7 @@
 // The softmax of a token is the reference's to the bit: the maximum from
 // -10000 by the same comparison, the difference in float, the exponential in
-// double stored as float, the sum in float in expert order, one division.
+// double stored as float (exp_float.h), the sum in float in expert order,
+// one division.
 // Speed comes from the tokens: on the tiled path every step runs over a tile
 // of tokens stored expert-major, one token per vector lane, so each lane does
 // its own token's arithmetic in its own order.
@@ -16,6 +17,7 @@
 
 #include "frame/convert.h"
 #include "kernels/grid.h"
+#include "kernels/moe/exp_float.h"
 #include "kernels/moe/moe_index.h"
 #include "kernels/moe/topk_rule.h"
 
@@ -27,12 +29,14 @@ namespace rule = infer_ops::topk_rule;
 using infer_ops::moe_index::span;
 
 // The widened logits of L tokens, expert-major: expert j of lane r at
-// j * L + r; the softmax runs over them in place.
+// j * L + r; the softmax runs over them in place, then each score gets its
+// key of the routers' order in the same place of `key`.
 template <int L>
 struct tile {
     float v[kMaxExperts * L];
-    float row[kMaxExperts];           // one token widened, before it is spread over the lanes
-    std::uint64_t keys[kMaxExperts];  // one lane's order
+    std::uint32_t key[kMaxExperts * L];
+    float row[kMaxExperts];            // one token widened, before it is spread over the lanes
+    std::uint64_t best[kMaxExperts];   // one lane's order
 };
 
 template <typename TX>
@@ -44,15 +48,13 @@ void widen_row(const TX* x, float* out, long n) {
     }
 }
 
-// Lanes past the last token repeat the tile's first token: their results
-// are computed and dropped.
 template <typename TX, int L>
-void load(tile<L>& t, const TX* x, long n, int tokens) {
+void load(tile<L>& t, const TX* x, long n) {
     if constexpr (L == 1) {
         widen_row(x, t.v, n);
     } else {
         for (int r = 0; r < L; ++r) {
-            widen_row(x + (r < tokens ? r : 0) * n, t.row, n);
+            widen_row(x + r * n, t.row, n);
             for (long j = 0; j < n; ++j) t.v[j * L + r] = t.row[j];
         }
     }
@@ -69,11 +71,9 @@ void softmax(float* __restrict v, long n) {
         for (int r = 0; r < L; ++r) mx[r] = mx[r] > v[j * L + r] ? mx[r] : v[j * L + r];
     }
     for (long j = 0; j < n; ++j) {
-        for (int r = 0; r < L; ++r) {
-            const float d = v[j * L + r] - mx[r];
-            v[j * L + r] = static_cast<float>(std::exp(static_cast<double>(d)));
-        }
+        for (int r = 0; r < L; ++r) v[j * L + r] = v[j * L + r] - mx[r];
     }
+    exp_to_float(v, n * L);
     for (long j = 0; j < n; ++j) {
         for (int r = 0; r < L; ++r) sum[r] += v[j * L + r];
     }
@@ -82,25 +82,30 @@ void softmax(float* __restrict v, long n) {
     }
 }
 
-// The first k keys of lane r in descending order, into keys[0, k). Few
+// The first k keys of lane r in descending order, into best[0, k). Few
 // choices: insertion into a sorted list of k, where an expert enters only
-// with a key above the list's last (experts come in ascending order, so an
-// equal score never displaces an earlier expert). Many: a partial sort.
+// with a score key above the list's last (experts come in ascending order,
+// so an equal score never displaces an earlier expert). Many: a partial
+// sort of the whole row.
 template <int L>
 void select(tile<L>& t, int r, long n, long k) {
-    std::uint64_t* best = t.keys;
+    std::uint64_t* best = t.best;
+    const std::uint32_t* key = t.key + r;
     if (k > kInsertionTopk) {
-        for (long j = 0; j < n; ++j) best[j] = rule::rank_key(t.v[j * L + r], static_cast<std::uint32_t>(j));
+        for (long j = 0; j < n; ++j) best[j] = rule::rank_key(key[j * L], static_cast<std::uint32_t>(j));
         std::partial_sort(best, best + k, best + n, std::greater<>());
         return;
     }
     long filled = 0;
+    std::uint32_t last = 0;  // the score key of best[k - 1] once the list is full
     for (long j = 0; j < n; ++j) {
-        const std::uint64_t key = rule::rank_key(t.v[j * L + r], static_cast<std::uint32_t>(j));
-        if (filled == k && key < best[k - 1]) continue;
+        const std::uint32_t sk = key[j * L];
+        if (filled == k && sk <= last) continue;
+        const std::uint64_t entry = rule::rank_key(sk, static_cast<std::uint32_t>(j));
         long i = filled < k ? filled++ : k - 1;
-        for (; i > 0 && best[i - 1] < key; --i) best[i] = best[i - 1];
-        best[i] = key;
+        for (; i > 0 && best[i - 1] < entry; --i) best[i] = best[i - 1];
+        best[i] = entry;
+        if (filled == k) last = static_cast<std::uint32_t>(best[k - 1] >> 32);
     }
 }
 
@@ -109,35 +114,34 @@ TY narrow_score(float s) {
     return infer_ops::convert::from_float<TY, true>(s);
 }
 
-// Tokens [first, first + tokens) of x, at most L of them.
+// The L tokens from `first`.
 template <typename TX, typename TY, typename TID, int L>
-void route_tile(tile<L>& t, const TX* x, TID* topk_index, TY* topk_score, long first, int tokens, long n, long k) {
-    load(t, x + first * n, n, tokens);
+void route_tile(tile<L>& t, const TX* x, TID* topk_index, TY* topk_score, long first, long n, long k) {
+    load(t, x + first * n, n);
     softmax<L>(t.v, n);
-    for (int r = 0; r < tokens; ++r) {
+    for (long i = 0; i < n * L; ++i) t.key[i] = rule::score_key(t.v[i]);
+    for (int r = 0; r < L; ++r) {
         select(t, r, n, k);
         TID* index = topk_index + (first + r) * k;
         TY* score = topk_score + (first + r) * k;
         for (long j = 0; j < k; ++j) {
-            const int e = rule::expert_of(t.keys[j]);
+            const int e = rule::expert_of(t.best[j]);
             index[j] = static_cast<TID>(e);
             score[j] = narrow_score<TY>(t.v[e * L + r]);
         }
     }
 }
 
+// Whole tiles first (none with small_shape), the rest one token at a time.
 template <typename TX, typename TY, typename TID>
 void route(const TX* x, TID* topk_index, TY* topk_score, span tokens, long n, long k, bool small_shape) {
-    if (small_shape) {
-        tile<1> t;
-        for (long i = tokens.begin; i < tokens.end; ++i) route_tile(t, x, topk_index, topk_score, i, 1, n, k);
-        return;
+    long i = tokens.begin;
+    if (!small_shape) {
+        tile<kTileTokens> t;
+        for (; i + kTileTokens <= tokens.end; i += kTileTokens) route_tile(t, x, topk_index, topk_score, i, n, k);
     }
-    tile<kTileTokens> t;
-    for (long i = tokens.begin; i < tokens.end; i += kTileTokens) {
-        const int count = static_cast<int>(std::min<long>(kTileTokens, tokens.end - i));
-        route_tile(t, x, topk_index, topk_score, i, count, n, k);
-    }
+    tile<1> t;
+    for (; i < tokens.end; ++i) route_tile(t, x, topk_index, topk_score, i, n, k);
 }
 
 // Row b of the histogram, from the choices of the block's tokens, which this

@@ -4,7 +4,7 @@
 //
 // small_shape changes how the tokens of a core are worked, never the result:
 // set, one token at a time; clear, tiles of kTileTokens tokens with one token
-// per vector lane.
+// per vector lane, and the last few tokens of the core one at a time.
 #pragma once
 
 #include "kernels/catalogue.h"

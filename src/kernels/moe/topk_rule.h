@@ -28,20 +28,22 @@ struct scored {
 inline bool score_greater(const scored& a, const scored& b) { return a.score > b.score; }
 
 // Monotonic in the score: a greater score gives a greater key; +0 and -0 the
-// same key; NaN 0, below every number.
+// same key; NaN 0, below every number. Free of branches, so that a loop of
+// it vectorises.
 inline std::uint32_t score_key(float score) {
     const std::uint32_t u = std::bit_cast<std::uint32_t>(score);
-    const std::uint32_t ordered = (u & 0x80000000u) != 0 ? ~u : (u | 0x80000000u);
-    if (score != score) return 0;
-    return score == 0.0f ? 0x80000000u : ordered;
+    const std::uint32_t ordered = u ^ ((u >> 31) != 0 ? 0xffffffffu : 0x80000000u);
+    return score != score ? 0u : (score == 0.0f ? 0x80000000u : ordered);
 }
 
-// Greater key, earlier place: the score in the high half, the expert number
-// inverted in the low half so that of two equal scores the lower expert
-// ranks first. Expert numbers are below 2^32.
-inline std::uint64_t rank_key(float score, std::uint32_t expert) {
-    return (static_cast<std::uint64_t>(score_key(score)) << 32) | static_cast<std::uint32_t>(~expert);
+// Greater key, earlier place: the score's key in the high half, the expert
+// number inverted in the low half so that of two equal scores the lower
+// expert ranks first. Expert numbers are below 2^32.
+inline std::uint64_t rank_key(std::uint32_t score_key, std::uint32_t expert) {
+    return (static_cast<std::uint64_t>(score_key) << 32) | static_cast<std::uint32_t>(~expert);
 }
+
+inline std::uint64_t rank_key(float score, std::uint32_t expert) { return rank_key(score_key(score), expert); }
 
 // The expert of a key.
 inline int expert_of(std::uint64_t key) { return static_cast<int>(~static_cast<std::uint32_t>(key)); }

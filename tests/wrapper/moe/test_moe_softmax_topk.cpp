@@ -4,11 +4,15 @@
 // the tie rule on both paths; bad calls.
 #include <algorithm>
 #include <array>
+#include <bit>
+#include <cstdint>
+#include <limits>
 #include <cmath>
 #include <numeric>
 #include <string>
 #include <vector>
 
+#include "kernels/moe/exp_float.h"
 #include "kernels/moe/softmax_topk.h"
 #include "moe_test.h"
 #include "wrapper/moe/moe_select.h"
@@ -19,6 +23,8 @@ namespace {
 using namespace moe_test;
 namespace sel = infer_ops::moe_select;
 namespace mk = tsuops::kernels::moe;
+
+constexpr int kRouterClusters = 1;
 
 template <class X, class Y, class I>
 struct Route {
@@ -73,10 +79,21 @@ struct Shape {
 };
 
 // k of 1, 2, 8 and n; n of 1 and 1024; block counts of 0, below and above m;
-// one below, at and one above every small_shape threshold.
+// one below, at and one above every small_shape threshold. On one cluster of
+// 64 cores, a core gets whole tiles of tokens (and a rest) from 512 tokens on
+// or from blocks of 8 tokens on.
 std::vector<Shape> shapes() {
-    std::vector<Shape> s = {{1, 1, 1, 0, true}, {3, 5, 2, 0}, {7, 64, 8, 3}, {5, 64, 64, 9}, {3, 1024, 8, 0, true},
-                            {2, 1024, 1024, 1}, {9, 40, mk::kInsertionTopk, 2}, {9, 40, mk::kInsertionTopk + 1, 0}};
+    std::vector<Shape> s = {{1, 1, 1, 0, true},
+                            {3, 5, 2, 0},
+                            {7, 64, 8, 3},
+                            {5, 64, 64, 9},
+                            {3, 1024, 8, 0, true},
+                            {2, 1024, 1024, 1},
+                            {600, 64, 8, 0},
+                            {80, 1024, 8, 2},
+                            {40, 1024, 1024, 1},
+                            {9, 40, mk::kInsertionTopk, 1},
+                            {9, 40, mk::kInsertionTopk + 1, 1}};
     for (long d : {-1, 0, 1}) {
         s.push_back({sel::kSmallPairs + d, 4, 1, d == 0 ? 12 : 0});
         s.push_back({(sel::kSmallPairs + d) / 8, 16, 8, 0});
@@ -128,7 +145,7 @@ TYPED_TEST(MoeSoftmaxTopk, DeviceMatchesHostBitForBitWithTheFlagOfTheRules) {
     using TY = typename TypeParam::TY;
     using TID = typename TypeParam::TID;
     auto host = reference_context();
-    auto dev = emulated_device();
+    auto dev = device_context({.ncluster = kRouterClusters});
     std::uint64_t seed = 1;
     for (const Shape& sh : shapes()) {
         SCOPED_TRACE("m " + std::to_string(sh.m) + " n " + std::to_string(sh.n) + " k " + std::to_string(sh.k) +
@@ -165,7 +182,7 @@ TYPED_TEST(MoeSoftmaxTopk, DeviceMatchesHostBitForBitWithTheFlagOfTheRules) {
         const std::string kernel = "tsu3::infer_moe_softmax_topk<" + spelled<TX>() + ", " + spelled<TY>() + ", " +
                                    spelled<TID>() + ">(";
         EXPECT_EQ(r.kernel.rfind(kernel, 0), 0u) << r.kernel;
-        EXPECT_EQ(r.nclusters, kClusters);
+        EXPECT_EQ(r.nclusters, kRouterClusters);
         EXPECT_EQ(r.ncores, 64);
         EXPECT_EQ(LaunchCapture::arg<const void*>(r, 0), dx.data());
         EXPECT_EQ(LaunchCapture::arg<const void*>(r, 8), di.data()) << "the index before the score";
@@ -177,6 +194,25 @@ TYPED_TEST(MoeSoftmaxTopk, DeviceMatchesHostBitForBitWithTheFlagOfTheRules) {
         EXPECT_EQ(LaunchCapture::arg<int>(r, 44), sh.block_num);
         EXPECT_EQ(LaunchCapture::arg<bool>(r, 48), small_shape_expected(sh.m, sh.k));
     }
+}
+
+// The kernels' exponential against the C library's, over every 263rd float
+// from -0 to -87 (where it takes its fast path), its edges and what lies
+// beyond them.
+TEST(MoeSoftmaxKernel, ExponentialIsTheLibrarysToTheBit) {
+    std::vector<float> d;
+    for (std::uint32_t b = 0x80000000u; b <= std::bit_cast<std::uint32_t>(-87.0f); b += 263) {
+        d.push_back(std::bit_cast<float>(b));
+    }
+    const float below = std::nextafter(-87.0f, -INFINITY), above = std::nextafter(0.0f, 1.0f);
+    for (float f : {0.0f, -0.0f, -87.0f, below, -87.5f, -103.9f, -104.0f, -150.0f, -1e30f, -INFINITY, INFINITY, NAN,
+                    -NAN, above, 1e-30f, 0.5f, 88.0f, 88.8f, 89.0f, -std::numeric_limits<float>::denorm_min()}) {
+        d.push_back(f);
+    }
+    std::vector<float> want = d, got = d;
+    for (float& f : want) f = static_cast<float>(std::exp(static_cast<double>(f)));
+    tsuops::kernels::moe::exp_to_float(got.data(), static_cast<long>(got.size()));
+    EXPECT_TRUE(exactly_equal(want, got));
 }
 
 // Rows whose order is known, on both paths.
