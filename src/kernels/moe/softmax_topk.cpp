@@ -2,6 +2,7 @@
 // -10000 by the same comparison, the difference in float, the exponential in
 // double stored as float (exp_float.h), the sum in float in expert order,
 // one division.
+//
 // Speed comes from the tokens: on the tiled path every step runs over a tile
 // of tokens stored expert-major, one token per vector lane, so each lane does
 // its own token's arithmetic in its own order.
@@ -10,7 +11,6 @@
 #include "kernels/moe/softmax_topk.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <type_traits>
