@@ -249,6 +249,13 @@ int device_copy(ContextStackGuard& g, Context* ctx, api::ctx_guard& scratch, con
 // ---- dispatch and launch ------------------------------------------------------------------------
 int unimplemented(Context* ctx, where at = where::current());
 
+// A non-zero status of an inner step reported as a kernel failure: the log
+// with that code, status 2.
+inline int kernel_fail(Context* ctx, int code, where at = where::current()) {
+    api::_log_kernel_fail(ctx, at.file_name(), static_cast<int>(at.line()), code);
+    return STATUS_KERNEL_FAILED;
+}
+
 enum class Device { tsu3, tsu2or3 };
 
 // Device type 3 (and 2 for tsu2or3) takes the device path, 0 the reference

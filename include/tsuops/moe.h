@@ -1,0 +1,90 @@
+// Mixture-of-experts routing and the index arrays of the token flow.
+//
+// A routed pair is (token t, choice j), t < m, j < k, at flat position
+// t * k + j; the routing table holds there the expert chosen. The sorted
+// view puts the pairs in slots: experts ascending, and within an expert the
+// flat positions ascending. The gather form holds at each slot the flat
+// position of its pair, the scatter form at each flat position the slot; the
+// offsets (n + 1 entries) give the first slot of every expert and, last, the
+// number of pairs. Token block b of block_num holds the tokens of the b-th
+// of block_num contiguous near-equal spans, the first m % block_num one token
+// longer; block_statistic[b * n + e] counts its pairs routed to expert e.
+#pragma once
+
+#include <tsuapi/tsuapi.h>
+#include <tsuops/types.h>
+
+namespace infer_ops {
+
+using orvane::tsu::api::Context;
+
+// For each of the m tokens: the softmax of its n gate logits, and the k
+// experts of highest probability, highest first; equal probabilities go to
+// the lower expert number. The order is decided on the float probabilities,
+// before they are rounded to TY. topk_score and topk_index are [m, k]. With
+// block_num above 0 also the per-block histogram block_statistic
+// [block_num, n]; with block_num 0 or below it is not touched and may be
+// null. n at most 1024, k at most n. On the device a failed launch returns
+// the runtime's own code, unlogged.
+// TX, TY: float, float16, bfloat16 each; TID: int, long.
+template <typename TX, typename TY, typename TID>
+int moe_softmax_topk(Context* ctx, const TX* x, TY* topk_score, TID* topk_index, int* block_statistic, long m,
+                     long n, long k, long block_num);
+
+// The offsets (n + 1) and the gather form (m * k) of a routing table of m
+// tokens with k choices over n experts. k at most n, m and k above 0, n at
+// most 512. The reference path returns 1 without a log at the first expert
+// number outside [0, n), with the offsets partly built and the gather form
+// unwritten; the kernel gives such pairs no slot.
+template <typename T>
+int moe_sorted_topk_idx(Context* ctx, const T* topk_idx, T* sorted_tokens_num_lod, T* sorted_tokens_idx, long m,
+                        long k, long n);
+
+// sorted_token_idx[moe_index[i]] = i for i in [0, count): turns a gather
+// form into its scatter form and back. The reference path stops with 1 and
+// no log at the first value outside [0, count), what it wrote so far
+// staying. On the device (types 2 and 3) check_moe_index tests the input
+// before and the output after the kernel; the kernel itself skips values
+// outside the range. Other device types: nothing done, 0. count2 is only
+// dumped.
+template <typename T>
+int moe_resort_idx(Context* ctx, const T* moe_index, T* sorted_token_idx, long count, long count2);
+
+// The block-padded gather form of a routing table of numel pairs over n
+// experts: each expert's run of flat positions starts at a multiple of
+// block_size; expert_ids[b] names the expert of each block of block_size
+// slots that holds pairs; *total_tokens_post_pad = the slots in use with
+// padding. sorted_token_ids has room for max((block_size - 1) * n + numel,
+// block_size) slots and expert_ids for that many over block_size, rounded
+// up. Padding slots and the unused tail of expert_ids are not written.
+// Pairs whose expert lies outside [0, n) get no slot. block_size must be
+// above 0. Device types other than 0 and 3: nothing done, 0.
+template <typename T>
+int moe_align_block_size(Context* ctx, const T* topk_idx, T* sorted_token_ids, T* expert_ids,
+                         T* total_tokens_post_pad, long n, long block_size, long numel);
+
+// The per-block histogram of a routing table of m tokens with k choices over
+// n experts, as the routers give it. Expert numbers outside [0, n) are not
+// counted.
+template <typename T>
+int gen_block_statistic(Context* ctx, const T* topk_ids, T* block_statistic, long m, long n, long k,
+                        long block_num);
+
+// The offsets of n counts: lod[0] = 0, lod[i + 1] = lod[i] + expert_m[i],
+// summed in TOUT (wrapping on overflow). use_gmx runs the device kernel on
+// the GMX engine. Device types other than 0, 2 and 3: nothing done, 0.
+// TIN, TOUT: int, long.
+template <typename TIN, typename TOUT>
+int moe_expert_m_to_lod(Context* ctx, const TIN* expert_m, TOUT* sorted_tokens_num_lod, long n, bool use_gmx);
+
+// Debug check of an index array of rows * cols entries in device memory:
+// every value must lie in [0, rows * cols). Only while INFER_OPS_DEBUG (read
+// once per process) is a non-zero number; otherwise 0 at once. Copies the
+// array to the host, prints the first ten wrong values and a summary line to
+// standard output, and returns 1 when any value is wrong; a failed copy
+// returns its status.
+template <typename T>
+int check_moe_index(Context* ctx, const T* index, long rows, long cols, const char* func_name,
+                    const char* array_name);
+
+}  // namespace infer_ops
