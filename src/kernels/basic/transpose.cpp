@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
+
+#include <emmintrin.h>
 
 #include "kernels/grid.h"
 
@@ -12,23 +15,21 @@ namespace {
 
 // Every kernel here is one exchange [left, a, b] -> [left, b, a] of units of
 // some bytes (an element, or an element times the trailing block). The
-// exchange goes tile by tile: a tile of ti source rows by tj source columns is
-// read row by row and written row by row of the destination, and is small
-// enough that both of its footprints stay in the first-level cache.
+// exchange goes tile by tile: a tile of ti source rows by tj source columns
+// reads one cache line of each of its source rows and writes a run of about
+// 512 bytes into each of its destination rows, 32 KiB at most, so that both
+// footprints stay in the first-level cache. Units of a line or more are moved
+// one by one, each as one run.
 struct Tiling {
     long ti;  // source rows (destination columns) per tile
     long tj;  // source columns (destination rows) per tile
 };
 
-// A tile row of about two cache lines, and at most 64 by 64 units: 4 KiB of
-// floats, 8 KiB of 16-bit words. Units of a tile row or more are moved one
-// by one, each as one run.
-constexpr long kTileRowBytes = 128;
-constexpr long kMaxTileEdge = 64;
+constexpr long kLineBytes = 64;
+constexpr long kRunBytes = 512;
 
-constexpr Tiling square(long unit_bytes) {
-    const long edge = std::clamp(kTileRowBytes / unit_bytes, 1L, kMaxTileEdge);
-    return {edge, edge};
+constexpr Tiling by_lines(long unit_bytes) {
+    return {std::max(1L, kRunBytes / unit_bytes), std::max(1L, kLineBytes / unit_bytes)};
 }
 
 // Short rows: whole source rows, as many as make about 8 KiB of floats, so
@@ -37,12 +38,65 @@ constexpr long kShortRowTileUnits = 2048;
 
 constexpr Tiling short_rows(long b) { return {std::max(1L, kShortRowTileUnits / b), b}; }
 
-// One tile of units of a fixed size: d[j * a + i] = s[i * b + j].
+// Square blocks of n by n units go through the 16-byte registers (SSE2,
+// which every x86-64 has): n rows loaded, log2 n rounds that interleave row
+// m with row m + n / 2, n rows stored.
+template <class U>
+constexpr long kRegisterUnits = 16 / static_cast<long>(sizeof(U));
+
+template <class U>
+[[gnu::always_inline]] inline __m128i interleave_low(__m128i x, __m128i y) {
+    if constexpr (sizeof(U) == 1) return _mm_unpacklo_epi8(x, y);
+    else if constexpr (sizeof(U) == 2) return _mm_unpacklo_epi16(x, y);
+    else if constexpr (sizeof(U) == 4) return _mm_unpacklo_epi32(x, y);
+    else return _mm_unpacklo_epi64(x, y);
+}
+
+template <class U>
+[[gnu::always_inline]] inline __m128i interleave_high(__m128i x, __m128i y) {
+    if constexpr (sizeof(U) == 1) return _mm_unpackhi_epi8(x, y);
+    else if constexpr (sizeof(U) == 2) return _mm_unpackhi_epi16(x, y);
+    else if constexpr (sizeof(U) == 4) return _mm_unpackhi_epi32(x, y);
+    else return _mm_unpackhi_epi64(x, y);
+}
+
+template <class U>
+[[gnu::always_inline]] inline void move_block(const U* s, U* d, long a, long b) {
+    constexpr long n = kRegisterUnits<U>;
+    __m128i r[n];
+    for (long k = 0; k < n; ++k) r[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + k * b));
+    for (long round = 1; round < n; round *= 2) {
+        __m128i t[n];
+        for (long m = 0; m < n / 2; ++m) {
+            t[2 * m] = interleave_low<U>(r[m], r[m + n / 2]);
+            t[2 * m + 1] = interleave_high<U>(r[m], r[m + n / 2]);
+        }
+        for (long k = 0; k < n; ++k) r[k] = t[k];
+    }
+    for (long k = 0; k < n; ++k) _mm_storeu_si128(reinterpret_cast<__m128i*>(d + k * a), r[k]);
+}
+
+// One tile of units of a fixed size: d[j * a + i] = s[i * b + j]; whole
+// register blocks where the tile has them, the edges one unit at a time.
+// Each band of destination rows is finished before the next, so that only a
+// few destination lines are open at once: destination rows are often a
+// power of two apart and would all fall into one cache set.
 template <class U>
 [[gnu::always_inline]] inline void move_tile(const U* __restrict s, U* __restrict d, long a, long b, long i0, long i1,
                                              long j0, long j1) {
-    for (long j = j0; j < j1; ++j) {
-        for (long i = i0; i < i1; ++i) d[j * a + i] = s[i * b + j];
+    long j = j0;
+    if constexpr (std::is_integral_v<U>) {
+        constexpr long n = kRegisterUnits<U>;
+        for (; j + n <= j1; j += n) {
+            long i = i0;
+            for (; i + n <= i1; i += n) move_block(s + i * b + j, d + j * a + i, a, b);
+            for (long k = j; k < j + n; ++k) {
+                for (long m = i; m < i1; ++m) d[k * a + m] = s[m * b + k];
+            }
+        }
+    }
+    for (; j < j1; ++j) {
+        for (long m = i0; m < i1; ++m) d[j * a + m] = s[m * b + j];
     }
 }
 
@@ -145,12 +199,12 @@ namespace tk = tsuops::kernels::transpose;
 template <typename T>
 void infer_transpose_0213_cluster(const T* src, T* dst, long left, long a, long b, long rest) {
     const long unit = rest * static_cast<long>(sizeof(T));
-    tk::exchange(src, dst, left, a, b, unit, tk::square(unit));
+    tk::exchange(src, dst, left, a, b, unit, tk::by_lines(unit));
 }
 
 template <typename T>
 void infer_transpose_021_gmx_bsp(const T* src, T* dst, long left, long a, long b) {
-    tk::exchange(src, dst, left, a, b, sizeof(T), tk::square(sizeof(T)));
+    tk::exchange(src, dst, left, a, b, sizeof(T), tk::by_lines(sizeof(T)));
 }
 
 template <typename T>
@@ -163,7 +217,7 @@ void infer_transpose_nhwc_c3(const char* src, char* dst, long left, long a, long
     if (b == 3) {
         tk::three_planes(src, dst, left, a);
     } else {
-        tk::exchange(src, dst, left, a, b, 1, tk::square(1));
+        tk::exchange(src, dst, left, a, b, 1, tk::by_lines(1));
     }
 }
 
