@@ -318,20 +318,4 @@ TEST(TransposeFailure, EachLaunchOfAChainFails) {
     EXPECT_TRUE(y.untouched());
 }
 
-TEST(Transpose, TraceNamesTypeAndArguments) {
-    auto dev = device_context({.debug_flags = 0x1});
-    GuardedBuffer<long> x(dev.get(), 6), y(dev.get(), 6);
-    std::vector<function_info> traces;
-    LogCapture quiet;
-    set_trace_sink([&](const function_info& f) { traces.push_back(f); });
-    EXPECT_EQ(infer_ops::transpose<long>(dev.get(), x.data(), y.data(), {2, 3}, {1, 0}), 0);
-    set_trace_sink({});
-    ASSERT_EQ(traces.size(), 1u);
-    EXPECT_EQ(traces[0].name, "transpose");
-    EXPECT_EQ(traces[0].dtypes, std::vector<std::string>{"int64_t"});
-    ASSERT_EQ(traces[0].params.size(), 5u);
-    EXPECT_EQ(traces[0].params[2], "{2, 3}");
-    EXPECT_EQ(traces[0].params[3], "{1, 0}");
-}
-
 }  // namespace
