@@ -16,10 +16,11 @@ namespace {
 // Every kernel here is one exchange [left, a, b] -> [left, b, a] of units of
 // some bytes (an element, or an element times the trailing block). The
 // exchange goes tile by tile: a tile of ti source rows by tj source columns
-// reads one cache line of each of its source rows and writes a run of about
-// 512 bytes into each of its destination rows, 32 KiB at most, so that both
-// footprints stay in the first-level cache. Units of a line or more are moved
-// one by one, each as one run.
+// reads one cache line of each of its source rows and writes a run of 512
+// bytes into each of its destination rows, 32 KiB at most, so that both
+// footprints stay in the first-level cache. Units of a line or more are
+// copied one by one, a tile being one source column written as a run of
+// about 4 KiB into its destination row.
 struct Tiling {
     long ti;  // source rows (destination columns) per tile
     long tj;  // source columns (destination rows) per tile
@@ -27,9 +28,11 @@ struct Tiling {
 
 constexpr long kLineBytes = 64;
 constexpr long kRunBytes = 512;
+constexpr long kLongRunBytes = 4096;
 
 constexpr Tiling by_lines(long unit_bytes) {
-    return {std::max(1L, kRunBytes / unit_bytes), std::max(1L, kLineBytes / unit_bytes)};
+    if (unit_bytes >= kLineBytes) return {std::max(1L, kLongRunBytes / unit_bytes), 1};
+    return {kRunBytes / unit_bytes, kLineBytes / unit_bytes};
 }
 
 // Short rows: whole source rows, as many as make about 8 KiB of floats, so

@@ -104,13 +104,15 @@ std::vector<unsigned char> scatter(const std::vector<unsigned char>& x, std::siz
 struct Case { Dims shape, perm; };
 
 // Fixed cases that reach each kernel and cross the kernels' tile edges (a
-// line of units by 512 bytes of them, short-row tiles of 2048 / b rows,
-// register blocks of 16 bytes), then random shapes of rank 2 to 5 with mostly
-// small dimensions and now and then a long one.
+// line of units by 512 bytes of them, 4 KiB runs of units of a line or more,
+// short-row tiles of 2048 / b rows, register blocks of 16 bytes), then random
+// shapes of rank 2 to 5 with mostly small dimensions and now and then a long
+// one.
 std::vector<Case> cases() {
     const long s = plan::kSmallDimMax, c = plan::kNhwcChannels;
     std::vector<Case> out = {{{140, s}, {1, 0}}, {{9, s + 1}, {1, 0}}, {{5, c}, {1, 0}}, {{3, c + 1}, {1, 0}},
                              {{100, c}, {1, 0}}, {{70, 65}, {1, 0}}, {{520, 70}, {1, 0}}, {{2, 130, 33}, {0, 2, 1}},
+                             {{70, 3, 32}, {1, 0, 2}},
                              {{2, 3, 4, 5}, {0, 2, 1, 3}},
                              {{3, 33, 2, 40}, {0, 3, 2, 1}}, {{2, 3, 4, 5}, {3, 2, 1, 0}}, {{4, 6}, {0, 1}},
                              {{1, 1, 1}, {2, 0, 1}}};
