@@ -32,3 +32,17 @@ template <typename TX, typename TY>
 int cast(Context* ctx, const TX* x, TY* y, long len);
 
 }  // namespace infer_ops
+
+#include <vector>
+
+namespace infer_ops {
+
+// y = x with its dimensions permuted: y is row-major with dimension i of
+// length shape[perm[i]]. perm is a permutation of 0 .. rank - 1; x and y must
+// differ, even for the identity. The elements move as bits, so every type of
+// one size shares the device's kernels. float, float16, bfloat16, int,
+// signed char, short, long, unsigned char and bool.
+template <typename T>
+int transpose(Context* ctx, const T* x, T* y, const std::vector<long>& shape, const std::vector<long>& perm);
+
+}  // namespace infer_ops

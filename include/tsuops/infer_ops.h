@@ -2,6 +2,7 @@
 // parameter classes.
 #pragma once
 
+#include <tsuops/act.h>
 #include <tsuops/basic.h>
 #include <tsuops/cache.h>
 #include <tsuops/catalogue.h>

@@ -126,6 +126,8 @@ std::string check_text(const T& v) {
     else if constexpr (std::is_integral_v<T>) return format("%d", static_cast<int>(v));
     else if constexpr (std::is_same_v<T, float16> || std::is_same_v<T, bfloat16>)
         return format("%f", static_cast<double>(static_cast<float>(v)));
+    else if constexpr (std::is_pointer_v<T> && !std::is_same_v<std::remove_cv_t<std::remove_pointer_t<T>>, char>)
+        return api::__wrapper_tostring(v);  // tensors compared by address, e.g. an in-place call refused
     else return std::string(v);
 }
 
