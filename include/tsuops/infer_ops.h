@@ -8,6 +8,7 @@
 #include <tsuops/float16.h>
 #include <tsuops/norm.h>
 #include <tsuops/quant.h>
+#include <tsuops/sampler.h>
 #include <tsuops/types.h>
 #include <tsuops/vector_param.h>
 #include <tsuops/version.h>
