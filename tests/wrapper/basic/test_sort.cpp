@@ -83,8 +83,9 @@ const char* name_of(Rows r) {
 }
 
 // mixed: every element drawn from a pool of 12 values (so rows are full of
-// duplicates), the pool salted with NaN of both signs, infinities, signed
-// zeros and subnormals, or an integer type's extremes; equal: one value;
+// duplicates), the pool salted with NaN of both signs (with three payloads
+// each), infinities, signed zeros and subnormals, or an integer type's
+// extremes; equal: one value;
 // ascending and descending: a ramp around zero.
 template <class T>
 std::vector<T> make_rows(Rows kind, long m, long n, std::uint64_t seed) {
@@ -92,7 +93,16 @@ std::vector<T> make_rows(Rows kind, long m, long n, std::uint64_t seed) {
     if (kind == Rows::mixed) {
         const auto pool = random_tensor<T>(12, seed, RandomSpec::with_specials(0.5).in(-6, 6));
         const auto pick = random_tensor<int>(m * n, seed + 1, RandomSpec::range(0, 11));
-        for (std::size_t i = 0; i < out.size(); ++i) out[i] = pool[static_cast<std::size_t>(pick[i])];
+        for (std::size_t i = 0; i < out.size(); ++i) {
+            out[i] = pool[static_cast<std::size_t>(pick[i])];
+            // NaNs of one sign with different payloads are still equal keys.
+            if constexpr (is_floating_v<T>) {
+                if (std::isnan(static_cast<float>(out[i]))) {
+                    std::uint64_t b = bits(out[i]) ^ (i % 3);
+                    std::memcpy(&out[i], &b, sizeof(T));
+                }
+            }
+        }
         return out;
     }
     for (long i = 0; i < m * n; ++i) {
