@@ -135,7 +135,7 @@ constexpr bool is_half = std::is_same_v<T, float16> || std::is_same_v<T, bfloat1
 // imitates with sim_dev_type 3.
 template <class T>
 std::vector<T> device_y(const std::vector<T>& host_y, long n) {
-    if (!is_half<T> || sel::select(n) != sel::Kernel::radix) return host_y;
+    if (!is_half<T> || n <= sel::kMaxLargeNRow) return host_y;
     auto sim = host_context({.sim_dev_type = 3});
     const long len = static_cast<long>(host_y.size());
     std::vector<float> wide(host_y.size());
@@ -149,11 +149,8 @@ std::vector<T> device_y(const std::vector<T>& host_y, long n) {
 // sort kernel is the radix one.
 template <class T>
 std::vector<std::string> expected_families(long n) {
-    switch (sel::select(n)) {
-    case sel::Kernel::large_m: return {"infer_sort_large_m"};
-    case sel::Kernel::large_n: return {"infer_sort_large_n"};
-    case sel::Kernel::radix: break;
-    }
+    if (n <= sel::kMaxLargeMRow) return {"infer_sort_large_m"};
+    if (n <= sel::kMaxLargeNRow) return {"infer_sort_large_n"};
     if (is_half<T>) return {"infer_cluster_cast_mk3", "infer_radix_sort_gm", "infer_cluster_cast_mk3"};
     return {"infer_radix_sort_gm"};
 }
