@@ -7,12 +7,14 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <map>
 #include <numeric>
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <type_traits>
 #include <vector>
 
@@ -65,15 +67,30 @@ bool ranks_below(T a, T b) {
     }
 }
 
-// The columns of one row in sorted order, by std::stable_sort.
+// index and y as std::stable_sort gives them, row by row.
 template <class T, class I>
-std::vector<I> stable_order(const T* row, long n, bool descending) {
-    std::vector<I> cols(static_cast<std::size_t>(n));
-    std::iota(cols.begin(), cols.end(), I(0));
-    std::stable_sort(cols.begin(), cols.end(), [row, descending](I a, I b) {
-        return descending ? ranks_below(row[b], row[a]) : ranks_below(row[a], row[b]);
-    });
-    return cols;
+std::pair<std::vector<I>, std::vector<T>> stable_sorted(const std::vector<T>& xs, long m, long n, bool descending) {
+    std::vector<I> index, cols(static_cast<std::size_t>(n));
+    std::vector<T> y;
+    for (long r = 0; r < m; ++r) {
+        const T* row = xs.data() + r * n;
+        std::iota(cols.begin(), cols.end(), I(0));
+        std::stable_sort(cols.begin(), cols.end(), [row, descending](I a, I b) {
+            return descending ? ranks_below(row[b], row[a]) : ranks_below(row[a], row[b]);
+        });
+        for (I c : cols) {
+            index.push_back(c);
+            y.push_back(row[static_cast<long>(c)]);
+        }
+    }
+    return {index, y};
+}
+
+template <class T>
+std::vector<std::uint64_t> bit_vector(const std::vector<T>& v) {
+    std::vector<std::uint64_t> out;
+    for (T e : v) out.push_back(bits(e));
+    return out;
 }
 
 enum class Rows { mixed, equal, ascending, descending };
@@ -176,25 +193,11 @@ TYPED_TEST(Sort, DeviceMatchesHostAndStableSortAcrossTheTable) {
                 ASSERT_EQ((infer_ops::sort<T, I>(host.get(), hx.data(), hy.data(), hi.data(), m, n, descending)), 0);
                 LaunchCapture launches;
                 ASSERT_EQ((infer_ops::sort<T, I>(dev.get(), dx.data(), dy.data(), di.data(), m, n, descending)), 0);
-                const auto want_index = hi.download();
-                const auto want_y = hy.download();
-                std::vector<I> stable;
-                std::vector<std::uint64_t> y_bits, gathered_bits;
-                for (long r = 0; r < m; ++r) {
-                    const auto o = stable_order<T, I>(xs.data() + r * n, n, descending);
-                    stable.insert(stable.end(), o.begin(), o.end());
-                    for (long k = 0; k < n; ++k) {
-                        y_bits.push_back(bits(want_y[static_cast<std::size_t>(r * n + k)]));
-                        gathered_bits.push_back(bits(xs[static_cast<std::size_t>(r * n + long(o[std::size_t(k)]))]));
-                    }
-                }
-                EXPECT_TRUE(exactly_equal(stable, want_index)) << "host index against std::stable_sort";
-                EXPECT_TRUE(exactly_equal(gathered_bits, y_bits)) << "host y is x gathered, bit for bit";
+                const auto [want_index, want_y] = stable_sorted<T, I>(xs, m, n, descending);
+                EXPECT_TRUE(exactly_equal(want_index, hi.download())) << "host index";
+                EXPECT_TRUE(exactly_equal(bit_vector(want_y), bit_vector(hy.download()))) << "host y";
                 EXPECT_TRUE(exactly_equal(want_index, di.download())) << "device index";
-                std::vector<std::uint64_t> want_dy, got_dy;
-                for (T v : device_y(want_y, n)) want_dy.push_back(bits(v));
-                for (T v : dy.download()) got_dy.push_back(bits(v));
-                EXPECT_TRUE(exactly_equal(want_dy, got_dy)) << "device y, bit for bit";
+                EXPECT_TRUE(exactly_equal(bit_vector(device_y(want_y, n)), bit_vector(dy.download()))) << "device y";
 
                 std::vector<std::string> families;
                 for (const auto& k : launches.kernels()) families.push_back(kernel_family(k));
@@ -249,15 +252,12 @@ TEST(SortOrder, NaNInfinitiesAndSignedZerosWhereTheOrderPutsThem) {
                 GuardedBuffer<int> bi(ctx, n);
                 ASSERT_EQ((infer_ops::sort<float, int>(ctx, bx.data(), by.data(), bi.data(), 1, n, c.descending)), 0);
                 const auto index = bi.download();
-                const auto y = by.download();
-                std::vector<int> small;
-                for (int i : index) {
-                    if (i < 5) small.push_back(i);
-                }
-                EXPECT_EQ(small, c.index);
-                for (long k = 0; k < n; ++k) {
-                    EXPECT_EQ(bits(y[std::size_t(k)]), bits(x[std::size_t(index[std::size_t(k)])])) << k;
-                }
+                std::vector<int> first;
+                std::copy_if(index.begin(), index.end(), std::back_inserter(first), [](int i) { return i < 5; });
+                EXPECT_EQ(first, c.index);
+                std::vector<float> gathered;
+                for (int i : index) gathered.push_back(x[std::size_t(i)]);
+                EXPECT_TRUE(exactly_equal(bit_vector(gathered), bit_vector(by.download())));
             }
         }
     }
@@ -284,20 +284,9 @@ void expect_catalogue_radix(Context* ctx, long m, long n) {
     ASSERT_EQ(multicl::__device_stub__eval(x.data(), y2.data(), index2.data(), key_tmp2.data(), index_tmp2.data(),
                                            static_cast<int>(m), static_cast<int>(n), Ascending, counts.data()),
               0);
-    std::vector<V> want;
-    std::vector<std::uint64_t> want_y;
-    for (long r = 0; r < m; ++r) {
-        for (V c : stable_order<K, V>(xs.data() + r * n, n, Ascending == 0)) {
-            want.push_back(c);
-            want_y.push_back(bits(xs[static_cast<std::size_t>(r * n + static_cast<long>(c))]));
-        }
-    }
-    for (const auto* got : {&index, &index2}) EXPECT_TRUE(exactly_equal(want, got->download()));
-    for (const auto* got : {&y, &y2}) {
-        std::vector<std::uint64_t> b;
-        for (K v : got->download()) b.push_back(bits(v));
-        EXPECT_TRUE(exactly_equal(want_y, b));
-    }
+    const auto [want_index, want_y] = stable_sorted<K, V>(xs, m, n, Ascending == 0);
+    for (const auto* got : {&index, &index2}) EXPECT_TRUE(exactly_equal(want_index, got->download()));
+    for (const auto* got : {&y, &y2}) EXPECT_TRUE(exactly_equal(bit_vector(want_y), bit_vector(got->download())));
     EXPECT_TRUE(counts.untouched());
 }
 

@@ -256,8 +256,8 @@ TYPED_TEST(TopP, DeviceMatchesHostBitForBitAcrossTheThreshold) {
                             {7, 2, all, {true, false}, {1, 5}},
                             {9, 33, all, {true, false}, {1, 5}},
                             {9, 1000, all, {true, false}, {1, 5}},
-                            {7, 40000, all, {true}, {1, 5}},
-                            {2, sel::kFallbackRow - 1, {Probs::grid}, {true}, {2}},
+                            {5, 20000, all, {true}, {1, 5}},
+                            {1, sel::kFallbackRow - 1, {Probs::grid}, {true}, {2}},
                             {2, sel::kFallbackRow, {Probs::one_token}, {true}, {2}},
                             {1, sel::kFallbackRow + 1, {Probs::grid}, {true}, {2}}};
     auto host = host_context();
