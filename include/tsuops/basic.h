@@ -31,6 +31,20 @@ int add(Context* ctx, const T* x, const T* y, T* z, long m, long n, bool);
 template <typename TX, typename TY>
 int cast(Context* ctx, const TX* x, TY* y, long len);
 
+// Sorts each of m rows of n and gives, beside each sorted element, the column
+// of x it came from: index[r * n + k] is the column in row r of y[r * n + k].
+// Integers compare by value. Floating keys compare by value with -0 equal to
+// +0; a NaN with the sign bit clear ranks above +inf, one with the sign bit
+// set below -inf, and NaNs of one sign are equal. Equal keys keep their
+// column order, ascending or descending. m * n must be at least 1 (the sizes
+// are not checked one by one); x must not overlap y or index. On the device,
+// float16 and bfloat16 rows longer than 8192 are sorted as floats and narrowed
+// back, so those y lose what the narrowing loses (subnormal float16 values in
+// the default mode, bfloat16 NaN payloads); index is exact on every path.
+// T is float, float16, bfloat16, int or long; I is int or long.
+template <typename T, typename I>
+int sort(Context* ctx, const T* x, T* y, I* index, long m, long n, bool descending);
+
 }  // namespace infer_ops
 
 #include <vector>

@@ -235,3 +235,40 @@ std::span<tsuemu::KernelDescriptor> catalogue();
                                                            TSU_PP_FOR_EACH(TSU_PP_NAME, __VA_ARGS__)); \
     }                                                                                                  \
     }
+
+// A kernel that is the static member `eval` of a class template, as
+//   tsu3::name<K, V, 1, 0>::eval(...).
+// The X-macro is the same as for a function template. The header expands
+// TSU_KERNEL_DECLARE_STRUCT(family), which declares the class with `eval` and
+// its launch stub `__device_stub__eval`; the kernel source defines
+// `name<...>::eval`, then expands TSU_KERNEL_DEFINE_STRUCT(family) and one
+// TSU_KERNEL_INSTANCE_STRUCT(name, args...) per instance.
+#define TSU_KERNEL_DECLARE_STRUCT(family) TSU_FAMILY_##family(TSU_KERNEL_DECLARE_STRUCT_)
+#define TSU_KERNEL_DECLARE_STRUCT_(name, engine, tparams, targs, ...)                \
+    namespace tsu3 {                                                                 \
+    template <TSU_PP_UNPAREN tparams>                                                \
+    struct name {                                                                    \
+        static void eval(TSU_PP_FOR_EACH(TSU_PP_DECL, __VA_ARGS__));                 \
+        static int __device_stub__eval(TSU_PP_FOR_EACH(TSU_PP_DECL, __VA_ARGS__));   \
+    };                                                                               \
+    }                                                                                \
+    namespace tsuops::kernels {                                                      \
+    inline constexpr std::uint64_t engine_of_##name = engine;                        \
+    }
+
+#define TSU_KERNEL_DEFINE_STRUCT(family) TSU_FAMILY_##family(TSU_KERNEL_DEFINE_STRUCT_)
+#define TSU_KERNEL_DEFINE_STRUCT_(name, engine, tparams, targs, ...)                                          \
+    namespace tsu3 {                                                                                          \
+    template <TSU_PP_UNPAREN tparams>                                                                         \
+    int name<TSU_PP_UNPAREN targs>::__device_stub__eval(TSU_PP_FOR_EACH(TSU_PP_DECL, __VA_ARGS__)) {          \
+        using fn = ::tsuops::kernels::kernel_fn<&name<TSU_PP_UNPAREN targs>::eval>;                           \
+        return fn::launch(descriptor_for(::tsuops::kernels::tag<&name<TSU_PP_UNPAREN targs>::eval>{}),        \
+                          TSU_PP_FOR_EACH(TSU_PP_NAME, __VA_ARGS__));                                         \
+    }                                                                                                         \
+    }
+
+#define TSU_KERNEL_INSTANCE_STRUCT(name, ...) TSU_KERNEL_INSTANCE_STRUCT_I(__COUNTER__, name, __VA_ARGS__)
+#define TSU_KERNEL_INSTANCE_STRUCT_I(id, name, ...) TSU_KERNEL_INSTANCE_STRUCT_II(id, name, __VA_ARGS__)
+#define TSU_KERNEL_INSTANCE_STRUCT_II(id, name, ...)                    \
+    TSU_KERNEL_DESCRIPTOR(id, name, (&::tsu3::name<__VA_ARGS__>::eval)) \
+    template struct tsu3::name<__VA_ARGS__>;
