@@ -61,7 +61,8 @@ struct Fold { long m, n, rows, cols; };
 // negative sizes pass by their product: the kernel gets their magnitudes.
 std::vector<Fold> folds() {
     std::vector<Fold> f = {{1, kFoldMinCols - 1, 1, kFoldMinCols - 1}, {1, kFoldMinCols, 1, kFoldMinCols},
-                           {1, 1040, 1, 1040}, {3, 2048, 3, 2048}, {7, 33, 7, 33}, {-2, -3, 2, 3}, {-1, -2048, 2, 1024}};
+                           {1, 1040, 1, 1040}, {3, 2048, 3, 2048}, {7, 33, 7, 33},
+                           {-2, -3, 2, 3},     {-1, -2048, 2, 1024}};
     for (long w : infer_ops::add_fold::kFoldWidths) f.push_back({1, 33 * w, 33, w});
     return f;
 }
@@ -161,7 +162,8 @@ TEST(BasicRegions, EachOperatorDescribesItsTensors) {
     for (int i = 0; i < 3; ++i) b.emplace_back(ctx.get(), 64);
     float *x = b[0].data(), *y = b[1].data(), *z = b[2].data();
     const struct { const char* what; std::function<int()> call; std::vector<std::string> regions; } cases[] = {
-        {"constant", [&] { return infer_ops::constant<float>(ctx.get(), z, 16, 1.0f); }, {"x output {16} constant.cpp"}},
+        {"constant", [&] { return infer_ops::constant<float>(ctx.get(), z, 16, 1.0f); },
+         {"x output {16} constant.cpp"}},
         {"copy", [&] { return infer_ops::copy<float>(ctx.get(), x, z, 16); },
          {"x input {16} copy.cpp", "y output {16} copy.cpp"}},
         {"add", [&] { return infer_ops::add<float>(ctx.get(), x, y, z, -2, -3, false); },
@@ -177,7 +179,8 @@ TEST(BasicRegions, EachOperatorDescribesItsTensors) {
         ASSERT_EQ(c.call(), 0) << c.what;
         std::vector<std::string> got;
         for (const auto& r : logs.of_kind("memory")) {
-            got.push_back(r.fields[0] + " " + r.fields[4] + " " + r.fields[2] + " " + r.file.substr(r.file.rfind('/') + 1));
+            const std::string file = r.file.substr(r.file.rfind('/') + 1);
+            got.push_back(r.fields[0] + " " + r.fields[4] + " " + r.fields[2] + " " + file);
         }
         EXPECT_EQ(got, c.regions) << c.what;
     }

@@ -239,9 +239,11 @@ TEST(Scale, EveryForm) {
     const float e = 1 + 0x1p-12f;
     expect_scale<float, float>(e, e, -(1 + 0x1p-11f), 0.0f, -0x1.001p-12f);
     expect_scale<float16, float>(float16(3.0f), 0.5f, 0.25f, float16(1.75f), float16(1.625f));
-    expect_scale<float16, float>(float16(1.0f), 1.0f / 3, 0, float16::from_bits(0x3555), float16::from_bits(0x3555));
+    const auto third16 = float16::from_bits(0x3555);
+    const auto third_bf = bfloat16::from_bits(0x3eab);
+    expect_scale<float16, float>(float16(1.0f), 1.0f / 3, 0, third16, third16);
     expect_scale<bfloat16, float>(bfloat16(3.0f), 0.5f, 0.25f, bfloat16(1.75f), bfloat16(1.625f));
-    expect_scale<bfloat16, float>(bfloat16(1.0f), 1.0f / 3, 0, bfloat16::from_bits(0x3eab), bfloat16::from_bits(0x3eab));
+    expect_scale<bfloat16, float>(bfloat16(1.0f), 1.0f / 3, 0, third_bf, third_bf);
     expect_scale<long, long>(1L << 62, 4, 3, 3, 12);
     expect_scale<int, int>(1 << 30, 4, 1, 1, 4);
     expect_scale<short, short>(30000, 2, 10, -5526, -5516);
@@ -395,7 +397,9 @@ TEST(HostOnly, DeviceAndNullContextsAreRefused) {
             return cpu_ops::concat<float>(c, {fp(p[0]), fp(p[2])}, fp(p[1]), {{1, 2}, {1, 2}}, 0);
         },
         [](auto c, auto p, auto...) { return cpu_ops::sigmoid<float>(c, fp(p[0]), fp(p[1]), 4); },
-        [](auto c, auto p, auto...) { return cpu_ops::gather<float, int>(c, fp(p[0]), index, fp(p[1]), {2, 2}, 2, 5); }};
+        [](auto c, auto p, auto...) {
+            return cpu_ops::gather<float, int>(c, fp(p[0]), index, fp(p[1]), {2, 2}, 2, 5);
+        }};
     std::vector<wrapper_test::BadCall> rows;
     for (int op = 0; op < int(ops.size()); ++op) {
         for (auto dev : {DeviceType::TSU3, DeviceType::TSU2, DeviceType::TSU1, wrapper_test::kNoContext}) {
