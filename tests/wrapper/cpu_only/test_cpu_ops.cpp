@@ -186,9 +186,10 @@ TYPED_TEST(HalfAndFloat, SigmoidAndSiluValues) {
 // Through cast<signed char, float> and back, which truncates: only a sigmoid
 // that rounds to 1.0f as a float gives 1.
 TEST(Sigmoid, SignedCharTruncatesTheFloat) {
+    auto ctx = host_context();
     const std::vector<signed char> x = {-128, 0, 10, 17, 18, 127};
-    GuardedBuffer<signed char> y(host_context().get(), 6);
-    ASSERT_EQ(cpu_ops::sigmoid<signed char>(host_context().get(), x.data(), y.data(), 6), 0);
+    GuardedBuffer<signed char> y(ctx.get(), 6);
+    ASSERT_EQ(cpu_ops::sigmoid<signed char>(ctx.get(), x.data(), y.data(), 6), 0);
     EXPECT_EQ(y.download(), (std::vector<signed char>{0, 0, 0, 0, 1, 1}));
 }
 
