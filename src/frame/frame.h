@@ -235,15 +235,16 @@ int optional_output(ContextStackGuard& g, Context* ctx, const char* name, const 
 }
 
 // The device copy of a length-offset parameter: to_tsu into the call's
-// scratch, the pointer check (status 1, not 3), and on a device the region
-// "<local>.tsu" over the copy, recorded as an output. `local` names the
-// operator's local that holds the copy, e.g. "x_lods_tsu".
+// scratch, the pointer check (status 1, not 3), and the region "<local>.tsu"
+// over the copy, recorded as an output. `local` names the operator's local
+// that holds the copy, e.g. "x_lods_tsu". A host context has no device copy
+// and nothing to check: the reference path reads the host array alone.
 template <typename T>
 int device_copy(ContextStackGuard& g, Context* ctx, api::ctx_guard& scratch, const api::VectorParam<T>& param,
                 const char* local, api::VectorParam<T>& out, where at = where::current()) {
     out = param.to_tsu(scratch);
-    if (int st = check_ptr(ctx, out.tsu, STATUS_INVALID_ARGUMENT, at)) return st;
     if (ctx->dev_type == 0) return SUCCESS;
+    if (int st = check_ptr(ctx, out.tsu, STATUS_INVALID_ARGUMENT, at)) return st;
     const std::string name = std::string(local) + ".tsu";
     return region(g, ctx, name.c_str(), out.tsu, out.len, false, at);
 }

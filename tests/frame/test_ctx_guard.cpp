@@ -1,16 +1,20 @@
 // The scratch guard: its calls into the context in order, where each form
-// allocates, that all ends with the guard; length-offset parameters' uploads.
+// allocates, that all ends with the guard; the device copies of length-offset
+// parameters through the frame.
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include <tsuops/ctx_guard.h>
 #include <tsuops/vector_param.h>
 
+#include "frame/frame.h"
 #include "support/tsuops_test.h"
 
 namespace {
 
 using orvane::tsu::api::ctx_guard;
+using orvane::tsu::api::DeviceType;
 using orvane::tsu::api::VectorParam;
 using tsuops_test::device_context;
 
@@ -77,7 +81,7 @@ TEST(CtxGuard, SourcesOnDevice) {
 }
 
 // On the host every form is malloc, freed by the guard (as the sanitizer preset
-// proves), the caller's allocator unasked; a length-offset parameter gets no copy.
+// proves), the caller's allocator unasked.
 TEST(CtxGuard, HostFormsUseMalloc) {
     auto ctx = tsuops_test::host_context();
     bool asked = false;
@@ -85,68 +89,99 @@ TEST(CtxGuard, HostFormsUseMalloc) {
     ctx_guard guard(ctx.get());
     const std::vector<void*> got = {guard.alloc<float>(10), guard.alloc_l3_first<bfloat16>(10),
                                     guard.alloc_cpu<unsigned int>(5), guard.alloc<long>(0)};
-    int lod[3] = {0, 2, 5};
-    EXPECT_EQ((VectorParam<int>{lod, 3, lod}.to_tsu(guard).tsu), lod);
-    EXPECT_EQ((VectorParam<int>{lod, 3}.to_tsu(guard).tsu), nullptr);
     for (void* p : got) EXPECT_NE(p, nullptr);
     EXPECT_EQ(guard.host_buffers, got);
     EXPECT_FALSE(asked);
     static_cast<float*>(got[0])[9] = 1.0f;
 }
 
-// Two parameters upload in order into general scratch, given back with the guard.
-// A caller's device copy is used as it is, even where it differs from the host
-// copy; a caller's allocator serves the upload.
-TEST(VectorParam, UploadsCallersCopyAndCallersAllocator) {
-    auto ctx = device_context();
+// A length-offset parameter's device copy: the caller's copy as it is, else an
+// upload into general scratch; no copy is the pointer check, status 1, and
+// the only record (to_tsu itself logs nothing); a copy is the region
+// "<local>.tsu", an output of len elements, at the call site. The host has no
+// device copy and checks none.
+TEST(DeviceCopy, CopiesChecksAndRecords) {
+    using enum DeviceType;
+    using tsuemu::Site;
+    const auto none = Site::Config;  // stands for nothing injected
+    const struct { const char* what; DeviceType dev; bool callers; Site fault; long len; int status; const char* log; }
+        cases[] = {
+            {"upload", TSU3, false, none, 5, 0, nullptr},
+            {"the caller's copy", TSU3, true, none, 5, 0, nullptr},
+            {"no scratch", TSU3, false, Site::PoolAlloc, 5, 1, "compare_fail"},
+            {"upload fails", TSU3, false, Site::HostToDevice, 5, 1, "compare_fail"},
+            {"empty", TSU3, false, none, 0, 1, "invalid_memory"},
+            {"host", CPU, false, none, 5, 0, nullptr},
+            {"host, the caller's copy", CPU, true, none, 5, 0, nullptr},
+        };
     const std::vector<int> lod = {0, 3, 7, 12, 20};
-    const std::vector<long> starts = {5, 1, 1L << 40};
-    {
-        ctx_guard guard(ctx.get());
-        const VectorParam<int> a{lod.data(), 5};
-        const VectorParam<int> a_tsu = a.to_tsu(guard);
-        const VectorParam<long> b_tsu = VectorParam<long>{starts.data(), 3}.to_tsu(guard);
-        EXPECT_TRUE(a_tsu.cpu == a.cpu && a_tsu.len == 5 && a.tsu == nullptr);
-        EXPECT_EQ(static_cast<void*>(a_tsu.tsu), ctx->gm_mgr.base());
-        EXPECT_GE(static_cast<void*>(b_tsu.tsu), static_cast<void*>(a_tsu.tsu + 5));
-        EXPECT_EQ(read_back(ctx.get(), a_tsu.tsu, 5), lod);
-        EXPECT_EQ(read_back(ctx.get(), b_tsu.tsu, 3), starts);
-        int* dev = guard.alloc<int>(3);
-        const int other[3] = {9, 9, 9};
-        ASSERT_EQ(orvane::tsu::api::do_host2device(ctx.get(), other, dev, sizeof other), 0);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        auto ctx = tsuops_test::make_context(c.dev, {.debug_flags = 0x1});
+        tsuops_test::GuardedBuffer<int> theirs(ctx.get(), std::vector<int>(5, 9));
+        orvane::tsu::api::ContextStackGuard g(ctx.get(), "INFRA");
+        ctx_guard scratch(ctx.get());
+        VectorParam<int> out;
+        tsuops_test::LogCapture logs;
         const unsigned long top = ctx->gm_mgr.top();
-        EXPECT_EQ((VectorParam<int>{lod.data(), 3, dev}.to_tsu(guard).tsu), dev);
-        EXPECT_EQ(ctx->gm_mgr.top(), top);
-        EXPECT_EQ(read_back(ctx.get(), dev, 3), std::vector<int>(3, 9));
+        if (c.fault != none) tsuemu::inject_failure(c.fault, 1, 7);
+        const VectorParam<int> lod_param{lod.data(), c.len, c.callers ? theirs.data() : nullptr};
+        const int line = __LINE__ + 1;
+        const int status = infer_ops::frame::device_copy(g, ctx.get(), scratch, lod_param, "lod_tsu", out);
+        tsuemu::clear_failures();
+        EXPECT_EQ(status, c.status);
+        EXPECT_TRUE(out.cpu == lod.data() && out.len == c.len);
+        const auto failures = logs.failures();
+        ASSERT_EQ(failures.size(), c.log ? 1u : 0u);
+        for (const auto& f : failures) {
+            EXPECT_EQ(f.kind, c.log);
+            EXPECT_EQ(f.line, line);
+            EXPECT_EQ(f.fields[0], f.kind == "compare_fail" ? "ptr(0)" : "lod_tsu.tsu");
+        }
+        if (c.callers) {
+            EXPECT_EQ(out.tsu, theirs.data());
+            EXPECT_EQ(ctx->gm_mgr.top(), top) << "no scratch taken";
+            EXPECT_EQ(theirs.download(), std::vector<int>(5, 9)) << "nothing uploaded";
+        } else if (c.dev == CPU) {
+            EXPECT_EQ(out.tsu, nullptr);
+        } else if (status == 0) {
+            EXPECT_EQ(read_back(ctx.get(), out.tsu, 5), lod);
+        }
+        const auto memory = logs.of_kind("memory");
+        ASSERT_EQ(memory.size(), c.dev == TSU3 && status == 0 ? 1u : 0u);
+        for (const auto& m : memory) {
+            std::ostringstream address;
+            address << static_cast<const void*>(out.tsu);
+            EXPECT_EQ(m.fields, (std::vector<std::string>{"lod_tsu.tsu", address.str(), "{5}", "{1}", "output"}));
+            EXPECT_EQ(m.line, line);
+        }
     }
-    EXPECT_EQ(ctx->gm_mgr.top(), 0u);
-    alignas(64) static int caller_block[16];
-    ctx->overload_alloc = [&](unsigned long bytes) -> void* { return bytes == 20 ? caller_block : nullptr; };
-    ctx_guard guard(ctx.get());
-    EXPECT_EQ((VectorParam<int>{lod.data(), 5}.to_tsu(guard).tsu), caller_block);
-    EXPECT_EQ(caller_block[4], 20);
 }
 
-// Every failure gives a null tsu and no log record; a length of 0 asks the
-// pool for 0 bytes, which a present pool serves and an absent one does not.
-TEST(VectorParam, FailuresAreASilentNull) {
-    const auto none = tsuemu::Site::Config;  // stands for nothing injected
-    const struct { tsuemu::Site site; unsigned long pool; long len; bool copied; } cases[] = {
-        {tsuemu::Site::HostToDevice, 1 << 20, 4, false}, {tsuemu::Site::PoolAlloc, 1 << 20, 4, false},
-        {none, 1 << 20, 0, true}, {none, 0, 0, false}};
-    const long lod[4] = {0, 1, 2, 3};
-    for (const auto& c : cases) {
-        orvane::tsu::api::ContextOptions opts;
-        opts.gm_pool_bytes = c.pool;
-        auto ctx = device_context(opts);
-        tsuops_test::LogCapture logs;
-        ctx_guard guard(ctx.get());
-        if (c.site != none) tsuemu::inject_failure(c.site, 1, 7);
-        const VectorParam<long> p = VectorParam<long>{lod, c.len}.to_tsu(guard);
-        tsuemu::clear_failures();
-        EXPECT_EQ(p.tsu != nullptr, c.copied) << static_cast<int>(c.site) << " len " << c.len;
-        EXPECT_TRUE(p.cpu == lod && p.len == c.len && logs.records().empty());
+// Two parameters upload in argument order, the second's scratch stacked above
+// the first's, and both go with the guard.
+TEST(DeviceCopy, TwoParametersStackInArgumentOrder) {
+    auto ctx = device_context({.debug_flags = 0x1});
+    const std::vector<int> lod = {0, 3, 7, 12, 20};
+    const std::vector<long> starts = {5, 1, 1L << 40};
+    orvane::tsu::api::ContextStackGuard g(ctx.get(), "INFRA");
+    tsuops_test::LogCapture logs;
+    {
+        ctx_guard scratch(ctx.get());
+        VectorParam<int> a;
+        VectorParam<long> b;
+        using infer_ops::frame::device_copy;
+        ASSERT_EQ(device_copy(g, ctx.get(), scratch, VectorParam<int>{lod.data(), 5}, "a_tsu", a), 0);
+        ASSERT_EQ(device_copy(g, ctx.get(), scratch, VectorParam<long>{starts.data(), 3}, "b_tsu", b), 0);
+        EXPECT_EQ(static_cast<void*>(a.tsu), ctx->gm_mgr.base());
+        EXPECT_GE(static_cast<void*>(b.tsu), static_cast<void*>(a.tsu + 5));
+        EXPECT_EQ(read_back(ctx.get(), a.tsu, 5), lod);
+        EXPECT_EQ(read_back(ctx.get(), b.tsu, 3), starts);
     }
+    EXPECT_EQ(ctx->gm_mgr.top(), 0u);
+    const auto memory = logs.of_kind("memory");
+    ASSERT_EQ(memory.size(), 2u);
+    EXPECT_TRUE(memory[0].fields[0] == "a_tsu.tsu" && memory[1].fields[0] == "b_tsu.tsu");
 }
 
 }  // namespace

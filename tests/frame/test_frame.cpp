@@ -1,5 +1,6 @@
 // The frame's pieces: the debug gate, the checks with their log records,
-// address classification and region validity, and the parameter record.
+// address classification, region validity and the region step's records,
+// the parameter record, and the once-read environment switches.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -8,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "frame/env_switch.h"
 #include "frame/frame.h"
 #include "support/tsuops_test.h"
 
@@ -175,6 +177,85 @@ TEST(Region, DetailOnlyWhenWanted) {
 using Params = std::vector<std::string>;
 
 constexpr std::uint64_t kGm = 0x504000001000ull, kGm2 = 0x504000002000ull, kL3 = 0x90000100ull;
+constexpr std::uint32_t kTraced = 0x1;
+
+// The region step: one "memory" record per valid region (name, address,
+// extent in elements, stride, direction), with the call site's position only
+// where a detail was made: traced, or under precision checking, which needs
+// the name that tracing gives. Under precision checking the guard keeps a
+// copy of each region, the first of a name winning. A null optional tensor
+// is skipped.
+TEST(Region, StepRecordsEachRegion) {
+    const std::uint32_t precision = kDebugPrecisionCheck;
+    const struct { std::uint32_t dev, flags; bool detail, kept; } cases[] = {
+        {3, 0, false, false},         {3, kTraced, true, false},           {0, kTraced, false, false},
+        {0, 0x10001, true, false},    {3, precision, false, false},        {3, precision | kTraced, true, true},
+        {0, precision | 0x10001, true, true}, {0, precision | kTraced, false, false},
+    };
+    const auto* a = static_cast<const float*>(addr(kGm));
+    const auto* b = static_cast<const float*>(addr(kGm2));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << "dev " << c.dev << " flags 0x" << std::hex << c.flags);
+        FakeDevice f(c.dev, c.flags);
+        tsuops_test::TraceCapture traces;
+        ContextStackGuard g(&f.ctx, "INFRA");
+        frame::open<float>(g, &f.ctx, "probe");
+        LogCapture logs;
+        const int line = __LINE__;
+        EXPECT_EQ(frame::input(g, &f.ctx, "a", a, 5), 0);
+        EXPECT_EQ(frame::output(g, &f.ctx, "b", b, 7), 0);
+        EXPECT_EQ(frame::optional_output(g, &f.ctx, "a", b, 9), 0);
+        EXPECT_EQ(frame::optional_input(g, &f.ctx, "c", static_cast<const float*>(nullptr), 3), 0);
+        const std::vector<Params> want = {{"a", "0x504000001000", "{5}", "{1}", "input"},
+                                          {"b", "0x504000002000", "{7}", "{1}", "output"},
+                                          {"a", "0x504000002000", "{9}", "{1}", "output"}};
+        const auto recs = logs.records();
+        ASSERT_EQ(recs.size(), want.size());
+        for (std::size_t i = 0; i < recs.size(); ++i) {
+            Params fields = want[i];
+            if (!c.detail) fields[0].clear();
+            EXPECT_EQ(recs[i].kind, "memory");
+            EXPECT_EQ(recs[i].fields, fields) << i;
+            EXPECT_EQ(recs[i].file.ends_with("test_frame.cpp"), c.detail) << recs[i].file;
+            EXPECT_EQ(recs[i].line, c.detail ? line + 1 + static_cast<int>(i) : 0) << i;
+        }
+        ASSERT_EQ(g.recorded_regions.size(), c.kept ? 2u : 0u);
+        if (!c.kept) continue;
+        const memory_region& kept = g.recorded_regions.at("a");
+        EXPECT_TRUE(kept.is_input && kept.ptr == a && kept.shape == std::vector<long>{5});
+        ASSERT_NE(kept.detail, nullptr);
+        EXPECT_TRUE(kept.detail->position.ends_with("test_frame.cpp:" + std::to_string(line + 1)));
+        EXPECT_FALSE(g.recorded_regions.at("b").is_input);
+    }
+}
+
+// The trace's type string and the region detail's tag of each element type.
+template <class... T>
+void expect_type_strings_and_tags(const Params& strings, const std::vector<Dtype>& tags) {
+    FakeDevice f(3, kTraced | kDebugPrecisionCheck);
+    tsuops_test::TraceCapture traces;
+    LogCapture logs;
+    ContextStackGuard g(&f.ctx, "INFRA");
+    frame::open<T...>(g, &f.ctx, "probe");
+    EXPECT_EQ(g.info.dtypes, strings);
+    std::vector<Dtype> got;
+    const auto tag = [&]<class U>(const U* p) {
+        const std::string name = std::to_string(got.size());
+        EXPECT_EQ(frame::input(g, &f.ctx, name.c_str(), p, 4), 0);
+        got.push_back(g.recorded_regions.at(name).detail->dtype);
+    };
+    (tag(static_cast<const T*>(addr(kGm))), ...);
+    EXPECT_EQ(got, tags);
+}
+
+TEST(Region, TypeStringsAndTagsOfEveryElementType) {
+    expect_type_strings_and_tags<float, float16, bfloat16, double, int, long, short, signed char, unsigned char, bool,
+                                 int4_t, long long>(
+        {"float", "float16", "bfloat16", "double", "int", "int64_t", "int16_t", "int8_t", "uint8_t", "bool", "int4_t",
+         "unknown"},
+        {Dtype::FLOAT32, Dtype::FLOAT16, Dtype::BFLOAT16, Dtype::DOUBLE, Dtype::INT32, Dtype::INT64, Dtype::INT16,
+         Dtype::INT8, Dtype::UINT8, Dtype::BOOL, Dtype::INT4, Dtype::FLOAT32});
+}
 
 Params dump(std::uint32_t dev, const std::vector<const void*>& ptrs) {
     FakeDevice f(dev);
@@ -235,6 +316,35 @@ TEST(ParamDump, TracedConstantRecordsItsArgumentsBeforeTheChecks) {
     EXPECT_EQ(seen[1].params, (Params{"\"GM\"", "0", "1.5", l3}));
     EXPECT_EQ(failures_at_trace, (std::vector<std::size_t>{0, 0}));
     EXPECT_EQ(logs.count("invalid_memory"), 1u);
+}
+
+// A switch keeps what the environment said at its first reading: later
+// changes of the variable, or its removal, change nothing. Run in a child,
+// whose environment the test may change.
+TEST(FrameChild, DISABLED_SwitchesReadOnce) {
+    constexpr const char* kVar = "TSUOPS_TEST_SWITCH";
+    using rule = frame::env_switch::rule;
+    const struct { const char* value; bool exactly_one, nonzero; } cases[] = {
+        {nullptr, false, false}, {"1", true, true},   {"01", false, true}, {"1 ", false, true}, {" 1", false, true},
+        {"", false, false},      {"0", false, false}, {"2", false, true},  {"-3", false, true}, {"on", false, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.value ? c.value : "unset");
+        c.value ? setenv(kVar, c.value, 1) : unsetenv(kVar);
+        const frame::env_switch one(kVar, rule::exactly_one), any(kVar, rule::nonzero);
+        EXPECT_EQ(one.on(), c.exactly_one);
+        EXPECT_EQ(any.on(), c.nonzero);
+        setenv(kVar, c.nonzero ? "0" : "1", 1);
+        EXPECT_EQ(one.on(), c.exactly_one);
+        EXPECT_EQ(any.on(), c.nonzero);
+        unsetenv(kVar);
+        EXPECT_EQ(one.on(), c.exactly_one);
+        EXPECT_EQ(any.on(), c.nonzero);
+    }
+}
+
+TEST(Frame, SwitchesReadOnceInAChild) {
+    EXPECT_TRUE(tsuops_test::run_child("FrameChild.DISABLED_SwitchesReadOnce", {}, {"TSUOPS_TEST_SWITCH"}));
 }
 
 }  // namespace

@@ -1,5 +1,8 @@
 // The host reference primitives: broadcasting, gather, partition, quantisation,
-// softmax, concat and split, and the host-only routines' refusal of a device.
+// the elementwise maps, softmax, copies, concat and split, and the host-only
+// routines' refusal of a device. Floating results are pinned by values from
+// the definitions, as float bit patterns, and compared exactly.
+#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -151,34 +154,154 @@ TEST(Quantization, IntTwoPlanes) {
     }
 }
 
-TYPED_TEST(HalfAndFloat, SoftmaxRowsAreDistributions) {
+// Expected floats as bit patterns; the half types narrow the same float with
+// their constructor, as the routines do.
+template <class T>
+T from_bits32(std::uint32_t b) { return T(std::bit_cast<float>(b)); }
+
+// y = 1 / (exp(-x) + 1) in double, stored as float; silu = x / (exp(-x) + 1)
+// in double, one division: x times the float sigmoid differs at -3 and -100.
+TYPED_TEST(HalfAndFloat, SigmoidAndSiluValues) {
     using T = TypeParam;
-    const long m = 5, n = 33;
-    auto x = random_tensor<T>(m * n, 9, RandomSpec::range(-8, 8));
-    for (long j = 0; j < n; ++j) x[n + j] = T(2.5f);  // row 1: all equal
+    const struct { float x; std::uint32_t sigmoid, silu; } rows[] = {
+        {0.0f, 0x3f000000, 0x00000000},   {1.0f, 0x3f3b26a8, 0x3f3b26a8},    {-1.0f, 0x3e89b2b1, 0xbe89b2b1},
+        {2.5f, 0x3f6c948f, 0x4013dcd9},   {-3.0f, 0x3d4241a2, 0xbe11b139},   {8.0f, 0x3f7fea06, 0x40ffea06},
+        {-100.0f, 0x0000001b, 0x80000a5f}, {100.0f, 0x3f800000, 0x42c80000},
+        {-INFINITY, 0x00000000, 0x7fc00000}, {INFINITY, 0x3f800000, 0x7f800000}};
     auto ctx = host_context();
-    GuardedBuffer<T> y(ctx.get(), m * n);
-    ASSERT_EQ(cpu_ops::softmax2d<T>(ctx.get(), x.data(), y.data(), m, n), 0);
-    const auto out = y.download();
-    std::vector<T> want;
-    for (long r = 0; r < m; ++r) {
-        double mx = -1e300, sum = 0;
-        for (long j = 0; j < n; ++j) mx = std::max(mx, double(float(x[r * n + j])));
-        for (long j = 0; j < n; ++j) sum += std::exp(float(x[r * n + j]) - mx);
-        for (long j = 0; j < n; ++j) want.push_back(T(float(std::exp(float(x[r * n + j]) - mx) / sum)));
+    std::vector<T> x, sig, silu;
+    for (const auto& r : rows) {
+        x.push_back(T(r.x));
+        sig.push_back(from_bits32<T>(r.sigmoid));
+        silu.push_back(from_bits32<T>(r.silu));
     }
-    EXPECT_TRUE(nearly_equal(want, out, reduction_tolerance<T>(n)));
-    EXPECT_TRUE(all_equal(std::vector<T>(out.begin() + n, out.begin() + 2 * n), T(1.0f / n)));
+    const long n = static_cast<long>(x.size());
+    GuardedBuffer<T> ys(ctx.get(), n), yl(ctx.get(), n);
+    ASSERT_EQ(cpu_ops::sigmoid<T>(ctx.get(), x.data(), ys.data(), n), 0);
+    ASSERT_EQ(cpu_ops::silu<T>(ctx.get(), x.data(), yl.data(), n, nullptr, nullptr), 0);
+    EXPECT_TRUE(exactly_equal(sig, ys.download()));
+    EXPECT_TRUE(exactly_equal(silu, yl.download()));
 }
 
-// The running maximum starts at -10000: far below it every exponential
-// underflows, 0 / 0. A start at the row's own maximum would give 1/2 each.
-TEST(Softmax, MaximumStartsAtMinusTenThousand) {
-    const std::vector<float> x = {-20000.0f, -20000.0f, -10001.0f, -10002.0f};
-    std::vector<float> y(4);
-    ASSERT_EQ(cpu_ops::softmax2d<float>(host_context().get(), x.data(), y.data(), 2, 2), 0);
-    EXPECT_TRUE(std::isnan(y[0]) && std::isnan(y[1]));
-    EXPECT_FLOAT_EQ(y[2], 1.0f / (1.0f + std::exp(-1.0f)));
+// Through cast<signed char, float> and back, which truncates: only a sigmoid
+// that rounds to 1.0f as a float gives 1.
+TEST(Sigmoid, SignedCharTruncatesTheFloat) {
+    auto ctx = host_context();
+    const std::vector<signed char> x = {-128, 0, 10, 17, 18, 127};
+    GuardedBuffer<signed char> y(ctx.get(), 6);
+    ASSERT_EQ(cpu_ops::sigmoid<signed char>(ctx.get(), x.data(), y.data(), 6), 0);
+    EXPECT_EQ(y.download(), (std::vector<signed char>{0, 0, 0, 0, 1, 1}));
+}
+
+// Each row of four: the maximum from -10000, exp of the float difference in
+// double, the sum in float in element order, the quotient in float. Rows past
+// the half types' precision run for float only.
+TYPED_TEST(HalfAndFloat, Softmax2dValues) {
+    using T = TypeParam;
+    const struct { std::vector<float> x; std::vector<std::uint32_t> y; bool float_only; } rows[] = {
+        {{1, 2, 3, 4}, {0x3d034fe2, 0x3db278b9, 0x3e72916a, 0x3f24d791}, false},
+        {{-4, 0, 0.5f, 8}, {0x36cdfb35, 0x39afb8c9, 0x3a10dbb0, 0x3f7fc56b}, false},
+        {{2.5f, 2.5f, 2.5f, 2.5f}, {0x3e800000, 0x3e800000, 0x3e800000, 0x3e800000}, false},
+        // Below the start value the maximum stays -10000; far below it every
+        // exponential underflows and the row is 0 / 0.
+        {{-10001, -10002, -20000, -10000.5f}, {0x3ea9ba3c, 0x3df9c1ca, 0x00000000, 0x3f0beaa9}, true},
+        {{-20000, -20000, -20000, -20000}, {0x7fc00000, 0x7fc00000, 0x7fc00000, 0x7fc00000}, true}};
+    auto ctx = host_context();
+    for (const auto& r : rows) {
+        if (r.float_only && !std::is_same_v<T, float>) continue;
+        std::vector<T> x, want;
+        for (int i = 0; i < 4; ++i) {
+            x.push_back(T(r.x[i]));
+            want.push_back(from_bits32<T>(r.y[i]));
+        }
+        GuardedBuffer<T> y(ctx.get(), 4);
+        ASSERT_EQ(cpu_ops::softmax2d<T>(ctx.get(), x.data(), y.data(), 1, 4), 0);
+        EXPECT_TRUE(exactly_equal(want, y.download())) << r.x[0];
+    }
+}
+
+// Both orders of the two operations, each a separate float step (no fused
+// multiply-add), truncated towards zero in the float-to-integer forms;
+// integer forms wrap.
+template <class T, class S>
+void expect_scale(T x, S alpha, S beta, T bias_after, T bias_before) {
+    SCOPED_TRACE(std::string(type_name<T>()) + ", " + type_name<S>() + ": x " + detail::describe(x));
+    auto ctx = host_context();
+    for (bool after : {true, false}) {
+        GuardedBuffer<T> y(ctx.get(), 1);
+        ASSERT_EQ((cpu_ops::scale<T, S>(ctx.get(), &x, y.data(), 1, after, alpha, beta)), 0);
+        EXPECT_TRUE(exactly_equal({after ? bias_after : bias_before}, y.download())) << "bias_after " << after;
+    }
+}
+
+TEST(Scale, EveryForm) {
+    expect_scale<float, float>(3, 2, 1, 7, 8);
+    // x * alpha rounds to 1 + 2^-11 before beta cancels it; fused it would give 2^-24.
+    const float e = 1 + 0x1p-12f;
+    expect_scale<float, float>(e, e, -(1 + 0x1p-11f), 0.0f, -0x1.001p-12f);
+    expect_scale<float16, float>(float16(3.0f), 0.5f, 0.25f, float16(1.75f), float16(1.625f));
+    const auto third16 = float16::from_bits(0x3555);
+    const auto third_bf = bfloat16::from_bits(0x3eab);
+    expect_scale<float16, float>(float16(1.0f), 1.0f / 3, 0, third16, third16);
+    expect_scale<bfloat16, float>(bfloat16(3.0f), 0.5f, 0.25f, bfloat16(1.75f), bfloat16(1.625f));
+    expect_scale<bfloat16, float>(bfloat16(1.0f), 1.0f / 3, 0, third_bf, third_bf);
+    expect_scale<long, long>(1L << 62, 4, 3, 3, 12);
+    expect_scale<int, int>(1 << 30, 4, 1, 1, 4);
+    expect_scale<short, short>(30000, 2, 10, -5526, -5516);
+    expect_scale<unsigned char, unsigned char>(200, 2, 100, 244, 88);
+    expect_scale<signed char, signed char>(100, 2, -1, -57, -58);
+    // 4.25 and 3.875, -2.75 and -3.125: towards zero, neither floor nor nearest.
+    expect_scale<long, float>(7, 0.5f, 0.75f, 4, 3);
+    expect_scale<long, float>(-7, 0.5f, 0.75f, -2, -3);
+    expect_scale<long, float>((1L << 40) + 1, 1, 0, 1L << 40, 1L << 40);  // x passes through float
+    expect_scale<int, float>(-7, 0.5f, 0.75f, -2, -3);
+    expect_scale<short, float>(-7, 0.5f, 0.75f, -2, -3);
+    expect_scale<signed char, float>(-7, 0.5f, 0.75f, -2, -3);
+    expect_scale<unsigned char, float>(7, 0.5f, 0.75f, 4, 3);
+}
+
+// The largest magnitude with a running maximum from 0, so an all-zero row
+// and an empty one give 0; NaN never replaces it. Rows of 40 put the
+// maximum in the vector body and in the tail.
+TYPED_TEST(HalfAndFloat, FindmaxValues) {
+    using T = TypeParam;
+    std::vector<float> body(40, 0.5f), tail(40, -0.5f);
+    body[5] = -6;
+    tail[37] = 6;
+    const struct { std::vector<float> x; float want; } rows[] = {
+        {{0, 0, 0}, 0}, {{-0.0f}, 0}, {{1, -3, 2}, 3}, {{NAN, -2}, 2}, {{-INFINITY, 1}, INFINITY},
+        {{}, 0}, {body, 6}, {tail, 6}};
+    auto ctx = host_context();
+    for (const auto& r : rows) {
+        const std::vector<T> x(r.x.begin(), r.x.end());
+        float out = 7;
+        ASSERT_EQ(cpu_ops::findmax<T>(ctx.get(), x.data(), &out, static_cast<long>(x.size())), 0);
+        EXPECT_EQ(std::bit_cast<std::uint32_t>(out), std::bit_cast<std::uint32_t>(r.want)) << r.x.size() << " " << out;
+    }
+}
+
+template <class T>
+class Copy2d : public ::testing::Test {};
+using Copy2dTypes = ::testing::Types<signed char, float16, double>;
+TYPED_TEST_SUITE(Copy2d, Copy2dTypes, ElementTypeNames);
+
+// Rows of cols elements step by their own strides, in elements; what lies
+// between rows of y stays; no rows or no columns copy nothing.
+TYPED_TEST(Copy2d, StridesInElements) {
+    using T = TypeParam;
+    const struct { long rows, x_stride, y_stride, cols; std::vector<float> y; } rows[] = {
+        {3, 5, 4, 3, {0, 1, 2, -1, 5, 6, 7, -1, 10, 11, 12, -1}},
+        {2, 4, 6, 4, {0, 1, 2, 3, -1, -1, 4, 5, 6, 7, -1, -1}},
+        {0, 5, 4, 3, std::vector<float>(12, -1)},
+        {3, 5, 4, 0, std::vector<float>(12, -1)}};
+    auto ctx = host_context();
+    std::vector<T> x;
+    for (int i = 0; i < 20; ++i) x.push_back(T(float(i)));
+    for (const auto& r : rows) {
+        GuardedBuffer<T> y(ctx.get(), std::vector<T>(12, T(-1.0f)));
+        ASSERT_EQ(cpu_ops::copy2d<T>(ctx.get(), x.data(), y.data(), r.rows, r.x_stride, r.y_stride, r.cols), 0);
+        EXPECT_TRUE(exactly_equal(std::vector<T>(r.y.begin(), r.y.end()), y.download())) << r.x_stride;
+    }
 }
 
 // x is [2, 6, 2] = 0..23; along axis 1 the sizes 1, 2, 3 take per block of
@@ -206,6 +329,7 @@ TEST(ConcatSplit, SplitSkipsNullOutputsAndConcatUndoesIt) {
     EXPECT_TRUE(exactly_equal(x, joined.download()));
 }
 
+// Most rows hold two faults, and the record's fields tell which check came first.
 TEST(ConcatSplit, MismatchedShapesWriteNothing) {
     struct Case {
         const char* what;
@@ -214,20 +338,21 @@ TEST(ConcatSplit, MismatchedShapesWriteNothing) {
         long axis;
         int tensors;  // inputs of concat, outputs of split
         int status;   // 1 with a compare_fail record, 4 with an unimplement one
+        std::vector<std::string> fields;
     };
     const Case cases[] = {
-        {"no input", true, {}, 0, 0, 1},
-        {"fewer shapes than inputs", true, {{2, 2}}, 0, 2, 1},
-        {"negative axis", true, {{2, 2}, {2, 2}}, -1, 2, 1},
-        {"axis past the rank", true, {{2, 2}, {2, 2}}, 2, 2, 1},
-        {"another dimension differs", true, {{2, 2}, {3, 2}}, 1, 2, 4},
-        {"the rank differs", true, {{2, 2}, {2, 2, 1}}, 1, 2, 4},
-        {"sizes sum below the axis", false, {{2, 6, 2}, {1, 2, 2}}, 1, 3, 1},
-        {"sizes sum above the axis", false, {{2, 6, 2}, {1, 2, 4}}, 1, 3, 1},
-        {"negative size", false, {{2, 6, 2}, {-1, 4, 3}}, 1, 3, 1},
-        {"fewer outputs than sizes", false, {{2, 6, 2}, {1, 2, 3}}, 1, 2, 1},
-        {"negative axis is not wrapped", false, {{2, 6, 2}, {1, 2, 3}}, -2, 3, 1},
-        {"axis past the rank", false, {{2, 6, 2}, {1, 1}}, 3, 2, 1},
+        {"no input, negative axis", true, {}, -1, 0, 1, {"0", ">=", "1"}},
+        {"fewer shapes, negative axis", true, {{2, 2}}, -1, 2, 1, {"2", "==", "1"}},
+        {"negative axis, a dimension differs", true, {{2, 2}, {3, 2}}, -1, 2, 1, {"-1", ">=", "0"}},
+        {"axis past the rank, a dimension differs", true, {{2, 2}, {3, 2}}, 2, 2, 1, {"2", "<", "2"}},
+        {"another dimension differs", true, {{2, 2}, {3, 2}}, 1, 2, 4, {"0"}},
+        {"the rank differs", true, {{2, 2}, {2, 2, 1}}, 1, 2, 4, {"0"}},
+        {"fewer outputs, negative axis", false, {{2, 6, 2}, {1, 2, 3}}, -2, 2, 1, {"2", "==", "3"}},
+        {"negative axis (not wrapped), negative size", false, {{2, 6, 2}, {-1, 4, 3}}, -2, 3, 1, {"-2", ">=", "0"}},
+        {"axis past the rank", false, {{2, 6, 2}, {1, 1}}, 3, 2, 1, {"3", "<", "3"}},
+        {"negative size, sum off", false, {{2, 6, 2}, {-1, 2, 3}}, 1, 3, 1, {"-1", ">=", "0"}},
+        {"sizes sum below the axis", false, {{2, 6, 2}, {1, 2, 2}}, 1, 3, 1, {"5", "==", "6"}},
+        {"sizes sum above the axis", false, {{2, 6, 2}, {1, 2, 4}}, 1, 3, 1, {"7", "==", "6"}},
     };
     auto ctx = host_context();
     const std::vector<float> x(24, 1.0f);
@@ -242,6 +367,7 @@ TEST(ConcatSplit, MismatchedShapesWriteNothing) {
         EXPECT_EQ(status, c.status) << c.what;
         ASSERT_EQ(logs.failures().size(), 1u) << c.what;
         EXPECT_EQ(logs.failures()[0].kind, c.status == 1 ? "compare_fail" : "unimplement") << c.what;
+        EXPECT_EQ(logs.failures()[0].fields, c.fields) << c.what;
         for (auto& o : out) EXPECT_TRUE(o.untouched()) << c.what;
     }
 }
@@ -264,7 +390,10 @@ TEST(HostOnly, DeviceAndNullContextsAreRefused) {
         [](auto c, auto p, auto...) {
             return cpu_ops::concat<float>(c, {fp(p[0]), fp(p[2])}, fp(p[1]), {{1, 2}, {1, 2}}, 0);
         },
-        [](auto c, auto p, auto...) { return cpu_ops::sigmoid<float>(c, fp(p[0]), fp(p[1]), 4); }};
+        [](auto c, auto p, auto...) { return cpu_ops::sigmoid<float>(c, fp(p[0]), fp(p[1]), 4); },
+        [](auto c, auto p, auto...) {
+            return cpu_ops::gather<float, int>(c, fp(p[0]), index, fp(p[1]), {2, 2}, 2, 5);
+        }};
     std::vector<wrapper_test::BadCall> rows;
     for (int op = 0; op < int(ops.size()); ++op) {
         for (auto dev : {DeviceType::TSU3, DeviceType::TSU2, DeviceType::TSU1, wrapper_test::kNoContext}) {
@@ -272,6 +401,9 @@ TEST(HostOnly, DeviceAndNullContextsAreRefused) {
             rows.push_back({"", op, dev, 0, 0, 0, 0, 0, {}, quiet ? 1 : 4, quiet ? nullptr : "unimplement", {}});
         }
     }
+    // The last gather also has an axis past the rank: the device is refused before the axis is looked at.
+    rows.push_back({"axis past the rank", int(ops.size()) - 1, DeviceType::CPU, 0, 0, 0, 0, 0, {}, 1, "compare_fail",
+                    {"5", "<", "2"}});
     wrapper_test::expect_failures(ops, {1}, rows);
 }
 
