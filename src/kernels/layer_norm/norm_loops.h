@@ -1,18 +1,21 @@
 // The inner loops of the normalisation kernels, on rows already widened to
-// float. Each is compiled for AVX2 and for the baseline, chosen at load time.
-// None of them fuses a multiply with an add: a scaled element is rounded after
-// each step exactly as the reference computes it. Only the row sums differ
-// from the reference in their order (16 interleaved partial sums), which is
-// what lets them run vectorised.
+// float. They give the reference's bits: a row's sums run in element order,
+// one add after another, and a scaled element is rounded after each step,
+// with no fused multiply-add. The speed comes from working on kGroup rows at
+// once, each in its own vector lane, never from reordering within a row.
 #pragma once
 
 namespace tsuops::kernels::norm {
 
-// The sum of x[j] * x[j] over [0, n).
-float sum_squares(const float* x, long n);
+// Rows summed side by side: one per lane of an eight-lane float vector.
+inline constexpr int kGroup = 8;
 
-// The sum of x[j] and the sum of x[j] * x[j] over [0, n).
-void sum_and_squares(const float* x, long n, float* s, float* q);
+// Lane r continues the sums of rows[r] over [0, n), in element order:
+// s[r] += x and q[r] += x * x (the square rounded before the add).
+void group_sums(const float* const* rows, long n, float* s, float* q);
+
+// As group_sums, the sums of squares alone.
+void group_squares(const float* const* rows, long n, float* q);
 
 // y[j] = (x[j] * r) * w[j] + b[j]. A null w is a weight of 1, a null b a
 // bias of 0 (still added, so that a product of -0 gives +0). y may be x.

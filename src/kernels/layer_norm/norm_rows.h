@@ -1,8 +1,9 @@
-// One row of a normalisation kernel, for every element and weight type. A
-// row is widened to float in chunks of C elements on the core's stack (a row
-// of up to C elements is read from memory once), summed, then scaled and
-// narrowed chunk by chunk. float rows are read and written where they are,
-// with no staging.
+// A group of up to kGroup rows of a normalisation kernel, for every element
+// and weight type. The rows' sums run side by side, one row per vector lane,
+// each in element order; then each row is scaled with contiguous vector loops.
+// 16-bit rows are widened to float in chunks on the core's stack (twice: for
+// the sums and for the scale pass, while the group is still in cache); float
+// rows are read and written where they are.
 #pragma once
 
 #include <algorithm>
@@ -10,15 +11,17 @@
 
 #include <tsuops/float16.h>
 
+#include "kernels/grid.h"
 #include "kernels/layer_norm/norm_loops.h"
 #include "kernels/layer_norm/norm_numerics.h"
 
 namespace tsuops::kernels::norm {
 
-// Rows are staged in chunks of at most this many elements (32 KiB of floats
-// per staged array): the usual hidden sizes fit one chunk, and a core's stack
-// stays small whatever the row.
-inline constexpr long kRowChunk = 8192;
+using infer_ops::norm::row_stats;
+
+// Elements of a row widened at a time: kGroup rows of them stay in the
+// first-level cache between the widening and the sums.
+inline constexpr long kRowChunk = 512;
 
 template <typename T>
 inline constexpr bool is_float = std::is_same_v<T, float>;
@@ -35,105 +38,103 @@ const float* stage(const T* src, float* buf, long n) {
 }
 
 // Space for one chunk, or a placeholder where the type needs no staging.
-template <typename T, long C>
-using chunk_buf = float[is_float<T> ? 1 : C];
+template <typename T>
+using chunk_buf = float[is_float<T> ? 1 : kRowChunk];
 
-// The row statistics that a kernel may write out.
-struct row_stats {
-    float mean;
-    float var;  // variance (layer norm) or mean square (RMS norm), without eps
-    float rstd;
-};
-
-// The per-column weight and bias as floats. Every row of a core uses the
-// same ones, so where a row fits one chunk they are widened once per core;
-// longer rows widen them chunk by chunk.
-template <typename TW, long C>
-class row_weights {
-public:
-    row_weights(const TW* scale, const TW* bias, long n) : scale_(scale), bias_(bias), whole_(n <= C) {
-        if (whole_) {
-            if (scale_ != nullptr) ws_ = stage(scale_, wb_, n);
-            if (bias_ != nullptr) bs_ = stage(bias_, bb_, n);
-        }
-    }
-    row_weights(const row_weights&) = delete;
-    row_weights& operator=(const row_weights&) = delete;
-
-    // The weights of columns [o, o + len), or null where there are none.
-    const float* scale(long o, long len) { return at(scale_, ws_, wb_, o, len); }
-    const float* bias(long o, long len) { return at(bias_, bs_, bb_, o, len); }
-
-private:
-    const float* at(const TW* src, const float* whole, float* buf, long o, long len) {
-        if (src == nullptr) return nullptr;
-        return whole_ ? whole + o : stage(src + o, buf, len);
-    }
-
-    const TW* scale_;
-    const TW* bias_;
-    bool whole_;
-    const float* ws_ = nullptr;
-    const float* bs_ = nullptr;
-    chunk_buf<TW, C> wb_;
-    chunk_buf<TW, C> bb_;
-};
-
-// y = (x * r) * w + b for one row of n elements.
-template <typename T, typename TW, long C>
-row_stats rms_row(const T* x, T* y, long n, float eps, row_weights<TW, C>& weights) {
-    chunk_buf<T, C> xb;
-    const bool one_chunk = n <= C;
-    float q = 0.0f;
-    for (long o = 0; o < n; o += C) {
-        const long len = std::min(C, n - o);
-        q += sum_squares(stage(x + o, xb, len), len);
-    }
-    const float ms = q / static_cast<float>(n);
-    const float r = infer_ops::norm::rstd_of(eps + ms);
-    for (long o = 0; o < n; o += C) {
-        const long len = std::min(C, n - o);
-        const float* xs = (one_chunk && !is_float<T>) ? xb : stage(x + o, xb, len);
-        if constexpr (is_float<T>) {
-            rms_apply(xs, r, weights.scale(o, len), weights.bias(o, len), y + o, len);
+// The sums of `rows` rows of n elements at a distance of n from x, into
+// s[0..rows) and q[0..rows); s may be null (RMS norm). The lanes past `rows`
+// repeat the first row and are dropped.
+template <typename T>
+void group_row_sums(const T* x, long rows, long n, float* s, float* q) {
+    float ls[kGroup] = {};
+    float lq[kGroup] = {};
+    const float* lanes[kGroup];
+    const auto sums = [&](long len) {
+        if (s != nullptr) {
+            group_sums(lanes, len, ls, lq);
         } else {
-            rms_apply(xs, r, weights.scale(o, len), weights.bias(o, len), xb, len);
-            infer_ops::narrow(xb, y + o, len);
+            group_squares(lanes, len, lq);
+        }
+    };
+    if constexpr (is_float<T>) {
+        for (int r = 0; r < kGroup; ++r) lanes[r] = x + (r < rows ? r : 0) * n;
+        sums(n);
+    } else {
+        float stage_buf[kGroup][kRowChunk];
+        for (long o = 0; o < n; o += kRowChunk) {
+            const long len = std::min(kRowChunk, n - o);
+            for (int r = 0; r < kGroup; ++r) lanes[r] = r < rows ? stage(x + r * n + o, stage_buf[r], len) : lanes[0];
+            sums(len);
         }
     }
-    return {0.0f, ms, r};
+    for (long r = 0; r < rows; ++r) {
+        if (s != nullptr) s[r] = ls[r];
+        q[r] = lq[r];
+    }
 }
 
-// y = ((x - mean) * r) * w + b for one row of n elements.
-template <typename T, typename TW, long C>
-row_stats layer_row(const T* x, T* y, long n, float eps, row_weights<TW, C>& weights, bool plus_one) {
-    chunk_buf<T, C> xb;
-    const bool one_chunk = n <= C;
-    float s = 0.0f;
-    float q = 0.0f;
-    for (long o = 0; o < n; o += C) {
-        const long len = std::min(C, n - o);
-        float cs = 0.0f;
-        float cq = 0.0f;
-        sum_and_squares(stage(x + o, xb, len), len, &cs, &cq);
-        s += cs;
-        q += cq;
-    }
-    const float fn = static_cast<float>(n);
-    const float mean = s / fn;
-    const float var = q / fn - mean * mean;
-    const float r = infer_ops::norm::rstd_of(var + eps);
-    for (long o = 0; o < n; o += C) {
-        const long len = std::min(C, n - o);
-        const float* xs = (one_chunk && !is_float<T>) ? xb : stage(x + o, xb, len);
-        if constexpr (is_float<T>) {
-            layer_apply(xs, mean, r, weights.scale(o, len), plus_one, weights.bias(o, len), y + o, len);
-        } else {
-            layer_apply(xs, mean, r, weights.scale(o, len), plus_one, weights.bias(o, len), xb, len);
-            infer_ops::narrow(xb, y + o, len);
+// The scale pass of a group: for each chunk of columns the weights are
+// widened once, then each row's chunk is scaled by apply(row, xs, w, b, out,
+// len) and narrowed.
+template <typename T, typename TW, class Apply>
+void group_scale(const T* x, T* y, long rows, long n, const TW* scale, const TW* bias, Apply apply) {
+    chunk_buf<T> xb;
+    chunk_buf<TW> wb;
+    chunk_buf<TW> bb;
+    // float rows need no staging, so they are taken whole.
+    const long chunk = is_float<T> && is_float<TW> ? n : kRowChunk;
+    for (long o = 0; o < n; o += chunk) {
+        const long len = std::min(chunk, n - o);
+        const float* w = scale != nullptr ? stage(scale + o, wb, len) : nullptr;
+        const float* b = bias != nullptr ? stage(bias + o, bb, len) : nullptr;
+        for (long r = 0; r < rows; ++r) {
+            const float* xs = stage(x + r * n + o, xb, len);
+            if constexpr (is_float<T>) {
+                apply(r, xs, w, b, y + r * n + o, len);
+            } else {
+                apply(r, xs, w, b, xb, len);
+                infer_ops::narrow(xb, y + r * n + o, len);
+            }
         }
     }
-    return {mean, var, r};
+}
+
+// y = (x * r) * w + b for `rows` rows; their statistics into st.
+template <typename T, typename TW>
+void rms_group(const T* x, T* y, long rows, long n, float eps, const TW* scale, const TW* bias, row_stats* st) {
+    float q[kGroup];
+    group_row_sums(x, rows, n, static_cast<float*>(nullptr), q);
+    for (long r = 0; r < rows; ++r) st[r] = infer_ops::norm::rms_stats(q[r], n, eps);
+    group_scale(x, y, rows, n, scale, bias, [st](long r, const float* xs, const float* w, const float* b, float* out,
+                                                 long len) { rms_apply(xs, st[r].rstd, w, b, out, len); });
+}
+
+// y = ((x - mean) * r) * w + b for `rows` rows; their statistics into st.
+template <typename T, typename TW>
+void layer_group(const T* x, T* y, long rows, long n, float eps, const TW* scale, const TW* bias, bool plus_one,
+                 row_stats* st) {
+    float s[kGroup];
+    float q[kGroup];
+    group_row_sums(x, rows, n, s, q);
+    for (long r = 0; r < rows; ++r) st[r] = infer_ops::norm::layer_stats(s[r], q[r], n, eps);
+    group_scale(x, y, rows, n, scale, bias,
+                [st, plus_one](long r, const float* xs, const float* w, const float* b, float* out, long len) {
+                    layer_apply(xs, st[r].mean, st[r].rstd, w, plus_one, b, out, len);
+                });
+}
+
+// This core's rows in groups: each core takes whole groups, so no two cores
+// share one. group(i, rows, stats) handles rows [i, i + rows); out(i, stats)
+// then sees the statistics of row i.
+template <class Group, class Out>
+void over_groups(long m, Group group, Out out) {
+    const auto [b, e] = core_share(m, kGroup);
+    row_stats st[kGroup];
+    for (long i = b; i < e; i += kGroup) {
+        const long rows = std::min<long>(kGroup, e - i);
+        group(i, rows, st);
+        for (long r = 0; r < rows; ++r) out(i + r, st[r]);
+    }
 }
 
 }  // namespace tsuops::kernels::norm
