@@ -51,6 +51,13 @@ template <class TX, class TY, class TZ, class F>
     for (; i < n; ++i) z[i] = f(x[i], y[i]);
 }
 
+// Whether the host CPU has AVX2, for kernels that carry a hand-written AVX2
+// loop beside a plain one; asked once.
+inline bool host_has_avx2() {
+    static const bool yes = __builtin_cpu_supports("avx2");
+    return yes;
+}
+
 // Elements of T in one 64-byte line.
 template <typename T>
 inline constexpr long line_elems = sizeof(T) >= 64 ? 1 : 64 / static_cast<long>(sizeof(T));

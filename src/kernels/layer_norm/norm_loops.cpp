@@ -6,6 +6,8 @@
 
 #include <immintrin.h>
 
+#include "kernels/grid.h"
+
 // The elementwise loops work in blocks of 16 elements whose inner loop has a
 // fixed trip count, which GCC turns into straight vector code; each lane is
 // one element, so the order of operations is the reference's.
@@ -105,15 +107,10 @@ void sums_plain(const float* const* rows, long n, float* s, float* q) {
     }
 }
 
-bool has_avx2() {
-    static const bool yes = __builtin_cpu_supports("avx2");
-    return yes;
-}
-
 }  // namespace
 
 void group_sums(const float* const* rows, long n, float* s, float* q) {
-    if (has_avx2()) {
+    if (host_has_avx2()) {
         sums_avx2<true>(rows, n, s, q);
     } else {
         sums_plain<true>(rows, n, s, q);
@@ -121,7 +118,7 @@ void group_sums(const float* const* rows, long n, float* s, float* q) {
 }
 
 void group_squares(const float* const* rows, long n, float* q) {
-    if (has_avx2()) {
+    if (host_has_avx2()) {
         sums_avx2<false>(rows, n, nullptr, q);
     } else {
         sums_plain<false>(rows, n, nullptr, q);

@@ -17,19 +17,27 @@ namespace quant = infer_ops::quant;
 // which stay in the first-level cache between the widening and their use.
 constexpr long kChunk = 1024;
 
-// The two passes over float spans, compiled twice: for AVX2 where the CPU
-// has it (eight lanes instead of four) and for the baseline. The rules of
-// quant_rules.h are inlined into loops of a constant block length, which
-// GCC vectorises under the build's cheap cost model.
-#define TSUOPS_QUANT2D_CLONES __attribute__((target_clones("avx2", "default")))
-
 // The absolute-maximum rule over n floats, continuing from s.
-TSUOPS_QUANT2D_CLONES float span_absmax(const float* __restrict x, long n, float s) {
-    return quant::absmax(x, n, s);
+__attribute__((target("avx2"))) float span_absmax_avx2(const float* x, long n, float s) {
+    return quant::avx2::absmax(x, n, s);
 }
 
-// Rule Q8 over n floats against the scale float s.
-TSUOPS_QUANT2D_CLONES void span_convert(const float* __restrict x, signed char* __restrict y, long n, float s) {
+inline float span_absmax(const float* x, long n, float s) {
+    return tsuops::kernels::host_has_avx2() ? span_absmax_avx2(x, n, s) : quant::absmax(x, n, s);
+}
+
+// Rule Q8 over n floats against the scale float s: 32 elements at a time in
+// the rule's AVX2 form, the rest one by one.
+__attribute__((target("avx2"))) void span_convert_avx2(const float* x, signed char* y, long n, float s) {
+    const quant::quantiser<signed char> q(s);
+    const auto c = q.constants();
+    long j = 0;
+    for (; j + 32 <= n; j += 32) quant::avx2::q8_32(c, x + j, y + j);
+    for (; j < n; ++j) y[j] = q(x[j]);
+}
+
+// The same without AVX2: the scalar rule in blocks that GCC vectorises.
+void span_convert_plain(const float* __restrict x, signed char* __restrict y, long n, float s) {
     constexpr long kBlock = 32;
     const quant::quantiser<signed char> q(s);
     long j = 0;
@@ -37,6 +45,14 @@ TSUOPS_QUANT2D_CLONES void span_convert(const float* __restrict x, signed char* 
         for (long k = 0; k < kBlock; ++k) y[j + k] = q(x[j + k]);
     }
     for (; j < n; ++j) y[j] = q(x[j]);
+}
+
+inline void span_convert(const float* x, signed char* y, long n, float s) {
+    if (tsuops::kernels::host_has_avx2()) {
+        span_convert_avx2(x, y, n, s);
+    } else {
+        span_convert_plain(x, y, n, s);
+    }
 }
 
 // n elements of x as floats: float rows as they are, 16-bit rows widened
