@@ -1,6 +1,7 @@
 // The shared scale conventions: the absolute-maximum rule, rule Q8 with its
 // 16-bit and 2^30 forms and its AVX2 form, rules Q4, QD and QM, and the
-// packed int4_t layout.
+// packed int4_t layout; beside them the other float-to-int8 rule, the
+// device's saturating cast, and its AVX2 form.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <random>
 #include <vector>
 
+#include "frame/convert.h"
 #include "frame/quant_rules.h"
 #include "frame/scale_rules.h"
 #include "support/tsuops_test.h"
@@ -127,6 +129,34 @@ TEST(RuleQ8, VectorFormMatchesTheScalarRule) {
         }
         ASSERT_TRUE(tsuops_test::identical(q8_scalar(x, s), q8_vector(x, s))) << "s " << s;
     }
+}
+
+__attribute__((target("avx2"))) std::vector<signed char> int8_cast_vector(const std::vector<float>& x) {
+    std::vector<signed char> y(x.size());
+    for (std::size_t j = 0; j + 32 <= x.size(); j += 32) infer_ops::convert::avx2::int8_sim_32(x.data() + j, y.data() + j);
+    return y;
+}
+
+// The cast to signed char as the device does it (clamped to [-128, 127],
+// NaN to -128, then truncated): its AVX2 form against the scalar one on
+// every float16 and bfloat16 value, then on random bit patterns and on
+// values within a few units of the clamps.
+TEST(Int8Cast, VectorFormMatchesTheScalarRule) {
+    if (!__builtin_cpu_supports("avx2")) GTEST_SKIP() << "no AVX2 on this machine";
+    std::vector<float> x;
+    for (std::uint32_t h = 0; h < 0x10000; ++h) {
+        x.push_back(static_cast<float>(float16::from_bits(static_cast<std::uint16_t>(h))));
+        x.push_back(std::bit_cast<float>(h << 16));
+    }
+    std::mt19937_64 rng(5);
+    for (int i = 0; i < 4000000; ++i) {
+        const std::uint64_t r = rng();
+        x.push_back(r % 2 ? std::bit_cast<float>(static_cast<std::uint32_t>(r >> 32))
+                          : static_cast<float>(static_cast<std::int32_t>(r >> 32)) * 0x1p-24f);  // within +-128
+    }
+    std::vector<signed char> want;
+    for (float v : x) want.push_back(infer_ops::convert::from_float<signed char, true>(v));
+    EXPECT_TRUE(tsuops_test::identical(want, int8_cast_vector(x)));
 }
 
 __attribute__((target("avx2"))) float absmax_vector(const std::vector<float>& x, float start) {
