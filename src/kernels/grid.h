@@ -23,6 +23,17 @@ inline range core_share(long n, long unit = 1) {
     return {std::min(n, b * unit), std::min(n, e * unit)};
 }
 
+// This core's share of [0, n) among the cores of its own cluster, cut at
+// multiples of `unit`: for kernels that give a cluster one piece of work.
+inline range cluster_share(long n, long unit = 1) {
+    const long cores = tsuemu::core_count();
+    const long me = tsuemu::core_id();
+    const long blocks = (n + unit - 1) / unit;
+    const long b = blocks * me / cores;
+    const long e = blocks * (me + 1) / cores;
+    return {std::min(n, b * unit), std::min(n, e * unit)};
+}
+
 // Element loops that GCC vectorises even under its cheapest cost model: a
 // trip count that is a known multiple of the vector width and no alias check.
 // So the loop runs over fixed blocks and then the tail, on restrict pointers

@@ -117,15 +117,35 @@ void infer_quant2d(const T* x, signed char* y, float* scale, long m, long n, lon
     rows_over_grid(m, [&](long r) { quantise_row(x + r * ld, y + r * n, scale + r, n, quant::kScaleFloor); });
 }
 
-// Fewer rows than clusters: the first core of a cluster takes a row, so the
-// rows land on different clusters (and different host threads). A body
-// cannot wait for its neighbours, so the row's maximum and its conversion
-// stay with one core.
+// Fewer rows than clusters: each row goes to one cluster and is shared among
+// its cores. A body cannot wait for its neighbours, so quant2d launches this
+// kernel twice: with a null y, the first core of the cluster stores the row's
+// scale float; then with y, every core of the cluster converts its share of
+// the row (whole lines of y) against that scale.
 template <typename T>
 void infer_quant2d_smallm(const T* x, signed char* y, float* scale, long m, long n, long ld) {
-    if (tsuemu::core_id() != 0) return;
-    for (long r = tsuemu::cluster_id(); r < m; r += tsuemu::cluster_count()) {
-        quantise_row(x + r * ld, y + r * n, scale + r, n, quant::kScaleFloor);
+    const long first = tsuemu::cluster_id(), step = tsuemu::cluster_count();
+    if (y == nullptr) {
+        if (tsuemu::core_id() != 0) return;
+        alignas(64) float buf[kChunk];
+        for (long r = first; r < m; r += step) {
+            float s = quant::kScaleFloor;
+            for (long j = 0; j < n; j += kChunk) {
+                const long len = std::min(kChunk, n - j);
+                s = span_absmax(as_floats(x + r * ld + j, len, buf), len, s);
+            }
+            scale[r] = s;
+        }
+        return;
+    }
+    const auto [b, e] = tsuops::kernels::cluster_share(n, tsuops::kernels::line_elems<signed char>);
+    alignas(64) float buf[kChunk];
+    for (long r = first; r < m; r += step) {
+        const float s = scale[r];
+        for (long j = b; j < e; j += kChunk) {
+            const long len = std::min(kChunk, e - j);
+            span_convert(as_floats(x + r * ld + j, len, buf), y + r * n + j, len, s);
+        }
     }
 }
 

@@ -75,6 +75,11 @@ int tsu3_wrapper(Context* ctx, const T* x, signed char* y, float* scale, long m,
     const long chunk = std::max(1L, clusters) * sel::kRowsPerCluster;
     for (long i = 0; i < m; i += chunk) {
         const long rows = std::min(m - i, chunk);
+        // smallm shares each row among a cluster's cores: the scale floats
+        // first, in a launch of their own, then the conversion.
+        if (choice.kernel == sel::Kernel::smallm) {
+            if (int st = launch(stub, x + i * ld, nullptr, scale + i, rows, n, ld)) return st;
+        }
         if (int st = launch(stub, x + i * ld, y + i * n, scale + i, rows, n, ld)) return st;
     }
     return SUCCESS;
