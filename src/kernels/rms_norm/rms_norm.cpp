@@ -10,10 +10,10 @@ namespace tsuops::kernels::norm {
 template <typename T, typename TW>
 void rms_rows(float eps, long m, long n, const T* x, T* y, const TW* scale, const TW* bias, float* rms_out,
               bool is_rstd) {
-    const auto group = [&](long i, long rows, row_stats* st) {
-        rms_group(x + i * n, y + i * n, rows, n, eps, scale, bias, st);
+    const auto group = [&](long i, long rows, row_weights<TW>& w, row_stats* st) {
+        rms_group(x + i * n, y + i * n, rows, n, eps, w, st);
     };
-    over_groups(m, group, [&](long i, const row_stats& st) {
+    over_groups(m, n, scale, bias, false, group, [&](long i, const row_stats& st) {
         if (rms_out != nullptr) rms_out[i] = is_rstd ? st.rstd : st.var;
     });
 }

@@ -61,16 +61,17 @@ template <class P>
 class LayerNorm : public ::testing::Test {};
 TYPED_TEST_SUITE(LayerNorm, wrapper_test::AllPairs, wrapper_test::PairNames);
 
-// Rows one below, at and one above the staging chunk and its double; a
-// group of rows and one more (a full group and a ragged one), or one row.
+// Rows one below, at and one above the kernels' chunk and the longest row
+// whose weights they widen whole; a group of rows and one more (a full group
+// and a ragged one), or one row.
 TYPED_TEST(LayerNorm, DeviceMatchesHostBitForBit) {
     using T = typename TypeParam::X;
     using TW = typename TypeParam::W;
     auto host = host_context();
     auto dev = device_context({.ncluster = 4});
-    const long c = nk::kRowChunk;
+    const long c = nk::kRowChunk, w = nk::kWholeRow;
     std::uint64_t seed = 300;
-    for (long n : {1L, 2L, c - 1, c, c + 1, 2 * c - 1, 2 * c, 2 * c + 1, 65537L}) {
+    for (long n : {1L, 2L, c - 1, c, c + 1, 2 * c + 1, w - 1, w, w + 1, 65537L}) {
         const long m = n == 2 ? 1 : n < 65537 ? nk::kGroup + 1 : 2;
         for (const Variant& v : kVariants) {
             for (bool nn : {false, true}) {

@@ -39,10 +39,11 @@ int run(Context* ctx, Tensors<T, TW>& t, long m, long n, const Variant& v) {
                                             v.rms_out ? t.s1.data() : nullptr, v.is_rstd);
 }
 
-// One below, at and one above every ns row capacity, the GMX limit and the
-// kernels' staging chunk; every multiple of the GMX row unit up to its limit.
+// One below, at and one above every ns row capacity, the GMX limit, the
+// kernels' chunk and the longest row whose weights they widen whole; every
+// multiple of the GMX row unit up to its limit.
 std::vector<long> row_sweep() {
-    std::set<long> at{1, 1000, sel::kMaxGmxRow, nk::kRowChunk}, out;
+    std::set<long> at{1, 1000, sel::kMaxGmxRow, nk::kRowChunk, nk::kWholeRow}, out;
     for (int k : sel::kNsCapacities) at.insert(sel::kNsRowUnit * k);
     for (long t : at) {
         for (long n : {t - 1, t, t + 1}) out.insert(std::max(n, 1L));
