@@ -86,11 +86,10 @@ TEST(RuleQ8, AgreesWithTheStepByStepFormula) {
     }
 }
 
-// Rule Q8 through its AVX2 form, 32 elements at a time, as the kernels run it.
+// Rule Q8 through its AVX2 form, as the kernels run it.
 __attribute__((target("avx2"))) std::vector<signed char> q8_vector(const std::vector<float>& x, float s) {
     std::vector<signed char> y(x.size());
-    const auto c = quant::quantiser<signed char>(s).constants();
-    for (std::size_t j = 0; j + 32 <= x.size(); j += 32) quant::avx2::q8_32(c, x.data() + j, y.data() + j);
+    quant::avx2::q8_span(quant::quantiser<signed char>(s), x.data(), y.data(), static_cast<long>(x.size()));
     return y;
 }
 
@@ -101,8 +100,9 @@ std::vector<signed char> q8_scalar(const std::vector<float>& x, float s) {
 }
 
 // Every float16 and every bfloat16 value against scales of every kind (a
-// span's maximum, the floor, a zero, subnormal, too small, infinite or NaN
-// scale), then random floats, bit patterns and exact ties against random
+// span's maximum, the floor, a zero, subnormal, too small, negative, infinite
+// or NaN scale, and either side of the factor 2^125 where the short form
+// stops), then random floats, bit patterns and exact ties against random
 // scales.
 TEST(RuleQ8, VectorFormMatchesTheScalarRule) {
     if (!__builtin_cpu_supports("avx2")) GTEST_SKIP() << "no AVX2 on this machine";
@@ -111,8 +111,10 @@ TEST(RuleQ8, VectorFormMatchesTheScalarRule) {
         every.push_back(static_cast<float>(float16::from_bits(static_cast<std::uint16_t>(h))));
         every.push_back(std::bit_cast<float>(h << 16));
     }
+    const float short_edge = 127.0f / 0x1p125f;  // the factor is 2^125 exactly
     for (float s : {1.0f, 3.5f, 127.0f, 65504.0f, 0x1.fep127f, quant::kScaleFloor, 0.0f, -0.0f, kDenorm, 1e-37f, -2.0f,
-                    kInf, -kInf, kNaN, -kNaN, 0x1p-126f}) {
+                    kInf, -kInf, kNaN, -kNaN, 0x1p-126f, short_edge / 1.5f, short_edge,
+                    std::nextafter(short_edge, kInf)}) {
         ASSERT_TRUE(tsuops_test::identical(q8_scalar(every, s), q8_vector(every, s))) << "s " << s;
     }
     std::mt19937_64 rng(99);

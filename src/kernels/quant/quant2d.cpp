@@ -26,14 +26,9 @@ inline float span_absmax(const float* x, long n, float s) {
     return tsuops::kernels::host_has_avx2() ? span_absmax_avx2(x, n, s) : quant::absmax(x, n, s);
 }
 
-// Rule Q8 over n floats against the scale float s: 32 elements at a time in
-// the rule's AVX2 form, the rest one by one.
+// Rule Q8 over n floats against the scale float s, in the rule's AVX2 form.
 __attribute__((target("avx2"))) void span_convert_avx2(const float* x, signed char* y, long n, float s) {
-    const quant::quantiser<signed char> q(s);
-    const auto c = q.constants();
-    long j = 0;
-    for (; j + 32 <= n; j += 32) quant::avx2::q8_32(c, x + j, y + j);
-    for (; j < n; ++j) y[j] = q(x[j]);
+    quant::avx2::q8_span(quant::quantiser<signed char>(s), x, y, n);
 }
 
 // The same without AVX2: the scalar rule in blocks that GCC vectorises.
