@@ -210,7 +210,7 @@ inline void quantize_span(const T* __restrict x, Q* __restrict y, long n, float 
 // Rule Q8 and the absolute-maximum rule for loops compiled for AVX2 (chosen
 // at run time where the CPU has it), each giving exactly what the scalar rule
 // above gives.
-#define TSUOPS_Q8_AVX2 __attribute__((target("avx2"), always_inline)) inline
+#define TSUOPS_QUANT_AVX2 __attribute__((target("avx2"), always_inline)) inline
 
 namespace avx2 {
 
@@ -218,7 +218,7 @@ namespace avx2 {
 // of lanes, each lane keeping `a > lane ? a : lane` (the max instruction's
 // operand order, so a NaN never wins), folded at the end. As for absmax
 // above, the order of the comparisons cannot change the result.
-TSUOPS_Q8_AVX2 float absmax(const float* x, long n, float s) {
+TSUOPS_QUANT_AVX2 float absmax(const float* x, long n, float s) {
     const __m256 abs = _mm256_castsi256_ps(_mm256_set1_epi32(0x7fffffff));
     __m256 m0 = _mm256_set1_ps(s), m1 = m0, m2 = m0, m3 = m0;
     long j = 0;
@@ -241,7 +241,7 @@ TSUOPS_Q8_AVX2 float absmax(const float* x, long n, float s) {
 // where the factor is infinite, the same clamps in the same order (a NaN
 // product becomes +127), and ties to even from the rounding instruction in
 // its explicit nearest-even form, whatever the rounding mode.
-TSUOPS_Q8_AVX2 __m256i q8_full(const quantiser<signed char>::lane_constants& c, const float* x) {
+TSUOPS_QUANT_AVX2 __m256i q8_full(const quantiser<signed char>::lane_constants& c, const float* x) {
     const __m256i sign = _mm256_set1_epi32(static_cast<int>(0x80000000u));
     const __m256i inf = _mm256_set1_epi32(0x7f800000);
     const __m256 lim = _mm256_set1_ps(127.0f);
@@ -271,7 +271,7 @@ inline bool q8_short_applies(const quantiser<signed char>::lane_constants& c) {
 // The short form: the product, its magnitude clamped to 127 (a NaN
 // magnitude gives 127, the min instruction's second operand), its sign put
 // back, then rounded as above.
-TSUOPS_Q8_AVX2 __m256i q8_short(const quantiser<signed char>::lane_constants& c, const float* x) {
+TSUOPS_QUANT_AVX2 __m256i q8_short(const quantiser<signed char>::lane_constants& c, const float* x) {
     const __m256 sign = _mm256_castsi256_ps(_mm256_set1_epi32(static_cast<int>(0x80000000u)));
     const __m256 v = _mm256_mul_ps(_mm256_set1_ps(c.applied), _mm256_loadu_ps(x));
     const __m256 mag = _mm256_min_ps(_mm256_andnot_ps(sign, v), _mm256_set1_ps(127.0f));
@@ -281,7 +281,7 @@ TSUOPS_Q8_AVX2 __m256i q8_short(const quantiser<signed char>::lane_constants& c,
 
 // y[0..32) from x[0..32), eight lanes at a time in the short or full form.
 template <bool Short>
-TSUOPS_Q8_AVX2 void q8_store32(const quantiser<signed char>::lane_constants& c, const float* x, signed char* y) {
+TSUOPS_QUANT_AVX2 void q8_store32(const quantiser<signed char>::lane_constants& c, const float* x, signed char* y) {
     const auto lanes = [&c](const float* p) __attribute__((target("avx2"), always_inline)) {
         return Short ? q8_short(c, p) : q8_full(c, p);
     };
@@ -295,7 +295,7 @@ TSUOPS_Q8_AVX2 void q8_store32(const quantiser<signed char>::lane_constants& c, 
 
 // y[j] = q(x[j]) for j in [0, n): 32 elements at a time in the short form
 // where it applies, else in the full form; the rest through q itself.
-TSUOPS_Q8_AVX2 void q8_span(const quantiser<signed char>& q, const float* x, signed char* y, long n) {
+TSUOPS_QUANT_AVX2 void q8_span(const quantiser<signed char>& q, const float* x, signed char* y, long n) {
     const auto c = q.constants();
     long j = 0;
     if (q8_short_applies(c)) {

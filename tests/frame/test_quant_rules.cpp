@@ -135,7 +135,9 @@ TEST(RuleQ8, VectorFormMatchesTheScalarRule) {
 
 __attribute__((target("avx2"))) std::vector<signed char> int8_cast_vector(const std::vector<float>& x) {
     std::vector<signed char> y(x.size());
-    for (std::size_t j = 0; j + 32 <= x.size(); j += 32) infer_ops::convert::avx2::int8_sim_32(x.data() + j, y.data() + j);
+    for (std::size_t j = 0; j + 32 <= x.size(); j += 32) {
+        infer_ops::convert::avx2::int8_sim_32(x.data() + j, y.data() + j);
+    }
     return y;
 }
 

@@ -27,7 +27,9 @@ int cpu_wrapper(const T* x, signed char* y, float* scale, long m, long n, long l
         float s = quant::kScaleFloor;
         for (long j = 0; j < n; ++j) s = quant::absmax_step(s, std::fabs(static_cast<float>(row[j])));
         scale[r] = s;
-        for (long j = 0; j < n; ++j) out[j] = orvane::tsu::api::__fp32_to_intx<signed char, 127>(static_cast<float>(row[j]), s);
+        for (long j = 0; j < n; ++j) {
+            out[j] = orvane::tsu::api::__fp32_to_intx<signed char, 127>(static_cast<float>(row[j]), s);
+        }
     }
     return SUCCESS;
 }

@@ -109,6 +109,18 @@ std::vector<T> independent_row(const std::vector<T>& x, float eps, const std::ve
     return y;
 }
 
+// Three rows of n: 1000.0 throughout, 100 + N(0, 1) and 300 + N(0, 1).
+template <class T>
+std::vector<T> offset_rows(long n) {
+    std::mt19937 rng(static_cast<unsigned>(n));
+    std::normal_distribution<double> noise(0.0, 1.0);
+    std::vector<T> x(n, T(1000.0f));
+    for (double offset : {100.0, 300.0}) {
+        for (long j = 0; j < n; ++j) x.push_back(T(static_cast<float>(offset + noise(rng))));
+    }
+    return x;
+}
+
 // Rows of 1000.0, of 100 + N(0, 1) and of 300 + N(0, 1): E[x^2] - mean^2
 // loses everything to rounding, and where it goes below -eps the definition
 // gives a NaN row. A kernel that sums in any other order gives other bits,
@@ -121,12 +133,7 @@ TYPED_TEST(LayerNorm, LargeCommonOffsetsGiveTheDefinitionsNaNRows) {
     long nan_rows = 0;
     for (long n : {4096L, 8192L}) {
         const long m = 3;
-        std::mt19937 rng(static_cast<unsigned>(n));
-        std::normal_distribution<double> noise(0.0, 1.0);
-        std::vector<T> x;
-        for (double offset : {1000.0, 100.0, 300.0}) {
-            for (long j = 0; j < n; ++j) x.push_back(T(static_cast<float>(offset + (offset < 1000.0 ? noise(rng) : 0.0))));
-        }
+        const std::vector<T> x = offset_rows<T>(n);
         for (const Variant& v : {kVariants[1], kVariants[2]}) {
             for (bool nn : {false, true}) {
                 if (nn && !has_nn<T>) continue;
@@ -146,7 +153,7 @@ TYPED_TEST(LayerNorm, LargeCommonOffsetsGiveTheDefinitionsNaNRows) {
                     const bool negative = stats[1] + 1e-5f < 0.0f;
                     nan_rows += negative;
                     for (long j = 0; j < n; j += n / 4) {
-                        EXPECT_EQ(std::isnan(static_cast<float>(y[i * n + j])), negative) << "row " << i << " col " << j;
+                        EXPECT_EQ(std::isnan(static_cast<float>(y[i * n + j])), negative) << "row " << i << ", " << j;
                     }
                 }
             }

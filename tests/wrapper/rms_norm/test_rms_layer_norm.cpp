@@ -176,6 +176,18 @@ TYPED_TEST(RmsNorm, HostMatchesIndependentComputationExactly) {
     }
 }
 
+// Three rows of n: 1000.0 throughout, 100 + N(0, 1) and 300 + N(0, 1).
+template <class T>
+std::vector<T> offset_rows(long n) {
+    std::mt19937 rng(static_cast<unsigned>(n));
+    std::normal_distribution<double> noise(0.0, 1.0);
+    std::vector<T> x(n, T(1000.0f));
+    for (double offset : {100.0, 300.0}) {
+        for (long j = 0; j < n; ++j) x.push_back(T(static_cast<float>(offset + noise(rng))));
+    }
+    return x;
+}
+
 // Rows of 1000.0, of 100 + N(0, 1) and of 300 + N(0, 1): a sum of squares
 // of large equal terms, where any other order of the adds gives other bits.
 // On the table's kernel and on the general one.
@@ -186,12 +198,7 @@ TYPED_TEST(RmsNorm, LargeCommonOffsetsMatchBitForBit) {
     auto dev = device_context({.ncluster = kClusters, .ngmx = kGmx});
     for (long n : {4096L, 8192L}) {
         const long m = 3;
-        std::mt19937 rng(static_cast<unsigned>(n));
-        std::normal_distribution<double> noise(0.0, 1.0);
-        std::vector<T> x;
-        for (double offset : {1000.0, 100.0, 300.0}) {
-            for (long j = 0; j < n; ++j) x.push_back(T(static_cast<float>(offset + (offset < 1000.0 ? noise(rng) : 0.0))));
-        }
+        const std::vector<T> x = offset_rows<T>(n);
         for (const Variant& v : {kVariants[1], kVariants[4]}) {
             SCOPED_TRACE("n " + std::to_string(n) + " variant " + std::to_string(&v - kVariants));
             Tensors<T, TW> want(host.get(), m, n, 5, 0.5), got(dev.get(), m, n, 5, 0.5);
