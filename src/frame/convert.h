@@ -15,6 +15,8 @@
 #include <limits>
 #include <type_traits>
 
+#include <immintrin.h>
+
 #include <tsuops/float16.h>
 
 namespace infer_ops::convert {
@@ -118,6 +120,30 @@ inline TY from_float(float w) {
         return static_cast<TY>(trunc32(w));
     }
 }
+
+// The device's narrowing of floats to signed char in AVX2 form, for kernel
+// loops compiled for AVX2 and chosen at run time: element for element what
+// from_float<signed char, true> gives. The max and min instructions clamp in
+// the same operand order as the scalar form (a NaN takes the lower bound),
+// then the truncation.
+namespace avx2 {
+
+__attribute__((target("avx2"), always_inline)) inline __m256i int8_sim_lanes(const float* x) {
+    const __m256 lo = _mm256_max_ps(_mm256_loadu_ps(x), _mm256_set1_ps(-128.0f));
+    return _mm256_cvttps_epi32(_mm256_min_ps(lo, _mm256_set1_ps(127.0f)));
+}
+
+// y[0..32) from x[0..32).
+__attribute__((target("avx2"), always_inline)) inline void int8_sim_32(const float* x, signed char* y) {
+    const __m256i a = int8_sim_lanes(x), b = int8_sim_lanes(x + 8);
+    const __m256i c = int8_sim_lanes(x + 16), d = int8_sim_lanes(x + 24);
+    // The packs work within 128-bit halves; the permutation restores the order.
+    const __m256i bytes = _mm256_packs_epi16(_mm256_packs_epi32(a, b), _mm256_packs_epi32(c, d));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(y),
+                        _mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7)));
+}
+
+}  // namespace avx2
 
 // From an integer source to an integer destination.
 template <class TX, class TY, bool Sim>

@@ -1,6 +1,7 @@
 // The scale conventions that every quantising operator shares: how a scale
 // float is found (the absolute-maximum rule) and how a float becomes a
-// saturated integer against it (rule Q8 and its 16-bit and 2^30 forms).
+// saturated integer against it (rule Q8 and its 16-bit and 2^30 forms, and
+// an AVX2 form of rule Q8 for the kernels' loops).
 //
 // Reference paths and kernel bodies both call these, because the two paths
 // must agree bit for bit on flushing, ties and saturation. Everything here is
@@ -13,6 +14,8 @@
 #include <cstdint>
 #include <limits>
 #include <type_traits>
+
+#include <immintrin.h>
 
 #include <tsuops/float16.h>
 
@@ -149,6 +152,16 @@ public:
     // LIM / s after normalising s; infinite when the sign of x alone decides.
     float factor() const { return factor_; }
 
+    // What operator() applies to every element, for a vector form of the
+    // rule: the factor (LIM where the sign of x alone decides), and the mask
+    // and bits that keep x or replace it by +-1.
+    struct lane_constants {
+        float applied;
+        std::uint32_t keep_bits;
+        std::uint32_t one_bits;
+    };
+    lane_constants constants() const { return {applied_, keep_bits_, one_bits_}; }
+
 private:
     float factor_;
     float applied_;
@@ -192,6 +205,108 @@ inline void quantize_span(const T* __restrict x, Q* __restrict y, long n, float 
     }
     for (; i < n; ++i) y[i] = q(detail::widen(x[i]));
 }
+
+// ---- the AVX2 forms --------------------------------------------------------------------------
+// Rule Q8 and the absolute-maximum rule for loops compiled for AVX2 (chosen
+// at run time where the CPU has it), each giving exactly what the scalar rule
+// above gives.
+#define TSUOPS_QUANT_AVX2 __attribute__((target("avx2"), always_inline)) inline
+
+namespace avx2 {
+
+// The absolute-maximum rule over n floats, continuing from s: four vectors
+// of lanes, each lane keeping `a > lane ? a : lane` (the max instruction's
+// operand order, so a NaN never wins), folded at the end. As for absmax
+// above, the order of the comparisons cannot change the result.
+TSUOPS_QUANT_AVX2 float absmax(const float* x, long n, float s) {
+    const __m256 abs = _mm256_castsi256_ps(_mm256_set1_epi32(0x7fffffff));
+    __m256 m0 = _mm256_set1_ps(s), m1 = m0, m2 = m0, m3 = m0;
+    long j = 0;
+    for (; j + 32 <= n; j += 32) {
+        m0 = _mm256_max_ps(_mm256_and_ps(_mm256_loadu_ps(x + j), abs), m0);
+        m1 = _mm256_max_ps(_mm256_and_ps(_mm256_loadu_ps(x + j + 8), abs), m1);
+        m2 = _mm256_max_ps(_mm256_and_ps(_mm256_loadu_ps(x + j + 16), abs), m2);
+        m3 = _mm256_max_ps(_mm256_and_ps(_mm256_loadu_ps(x + j + 24), abs), m3);
+    }
+    for (; j < n; ++j) s = absmax_step(s, std::fabs(x[j]));
+    alignas(32) float lanes[8];
+    _mm256_store_ps(lanes, _mm256_max_ps(_mm256_max_ps(m0, m1), _mm256_max_ps(m2, m3)));
+    for (float l : lanes) s = absmax_step(s, l);
+    return s;
+}
+
+// Rule Q8 on eight lanes, as int32 results in [-127, 127]. The full form
+// does what operator() does, step for step: the same cleaning of x (NaN to
+// the infinity of its sign, subnormal and zero to +0), the same substitution
+// where the factor is infinite, the same clamps in the same order (a NaN
+// product becomes +127), and ties to even from the rounding instruction in
+// its explicit nearest-even form, whatever the rounding mode.
+TSUOPS_QUANT_AVX2 __m256i q8_full(const quantiser<signed char>::lane_constants& c, const float* x) {
+    const __m256i sign = _mm256_set1_epi32(static_cast<int>(0x80000000u));
+    const __m256i inf = _mm256_set1_epi32(0x7f800000);
+    const __m256 lim = _mm256_set1_ps(127.0f);
+    __m256i w = _mm256_castps_si256(_mm256_loadu_ps(x));
+    const __m256i mag = _mm256_andnot_si256(sign, w);
+    const __m256i nan = _mm256_cmpgt_epi32(mag, inf);
+    w = _mm256_blendv_epi8(w, _mm256_or_si256(_mm256_and_si256(w, sign), inf), nan);
+    w = _mm256_andnot_si256(_mm256_cmpgt_epi32(_mm256_set1_epi32(0x00800000), mag), w);
+    w = _mm256_or_si256(_mm256_and_si256(w, _mm256_set1_epi32(static_cast<int>(c.keep_bits))),
+                        _mm256_set1_epi32(static_cast<int>(c.one_bits)));
+    __m256 v = _mm256_mul_ps(_mm256_set1_ps(c.applied), _mm256_castsi256_ps(w));
+    v = _mm256_min_ps(v, lim);  // above 127, and NaN, give 127
+    v = _mm256_max_ps(v, _mm256_set1_ps(-127.0f));
+    return _mm256_cvttps_epi32(_mm256_round_ps(v, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC));
+}
+
+// The factors for which the short form gives the same: finite, positive and
+// below 2^125, which holds for every scale float from the absolute-maximum
+// rule (at least the floor 1e-30). Then a subnormal x makes a product below
+// 0.5 in magnitude, which rounds to 0 as the cleaned +0 does; a zero x makes
+// a zero; and a NaN x makes a NaN product of the NaN's own sign, where the
+// cleaned infinity makes an infinity of that sign.
+inline bool q8_short_applies(const quantiser<signed char>::lane_constants& c) {
+    return c.keep_bits == 0xffffffffu && c.applied > 0.0f && c.applied < 0x1p125f;
+}
+
+// The short form: the product, its magnitude clamped to 127 (a NaN
+// magnitude gives 127, the min instruction's second operand), its sign put
+// back, then rounded as above.
+TSUOPS_QUANT_AVX2 __m256i q8_short(const quantiser<signed char>::lane_constants& c, const float* x) {
+    const __m256 sign = _mm256_castsi256_ps(_mm256_set1_epi32(static_cast<int>(0x80000000u)));
+    const __m256 v = _mm256_mul_ps(_mm256_set1_ps(c.applied), _mm256_loadu_ps(x));
+    const __m256 mag = _mm256_min_ps(_mm256_andnot_ps(sign, v), _mm256_set1_ps(127.0f));
+    const __m256 clamped = _mm256_or_ps(mag, _mm256_and_ps(v, sign));
+    return _mm256_cvttps_epi32(_mm256_round_ps(clamped, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC));
+}
+
+// y[0..32) from x[0..32), eight lanes at a time in the short or full form.
+template <bool Short>
+TSUOPS_QUANT_AVX2 void q8_store32(const quantiser<signed char>::lane_constants& c, const float* x, signed char* y) {
+    const auto lanes = [&c](const float* p) __attribute__((target("avx2"), always_inline)) {
+        return Short ? q8_short(c, p) : q8_full(c, p);
+    };
+    const __m256i a = lanes(x), b = lanes(x + 8), d = lanes(x + 16), e = lanes(x + 24);
+    // The packs work within 128-bit halves; the permutation puts the four
+    // groups of four back in element order.
+    const __m256i bytes = _mm256_packs_epi16(_mm256_packs_epi32(a, b), _mm256_packs_epi32(d, e));
+    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(y), _mm256_permutevar8x32_epi32(bytes, order));
+}
+
+// y[j] = q(x[j]) for j in [0, n): 32 elements at a time in the short form
+// where it applies, else in the full form; the rest through q itself.
+TSUOPS_QUANT_AVX2 void q8_span(const quantiser<signed char>& q, const float* x, signed char* y, long n) {
+    const auto c = q.constants();
+    long j = 0;
+    if (q8_short_applies(c)) {
+        for (; j + 32 <= n; j += 32) q8_store32<true>(c, x + j, y + j);
+    } else {
+        for (; j + 32 <= n; j += 32) q8_store32<false>(c, x + j, y + j);
+    }
+    for (; j < n; ++j) y[j] = q(x[j]);
+}
+
+}  // namespace avx2
 
 }  // namespace infer_ops::quant
 

@@ -23,6 +23,17 @@ inline range core_share(long n, long unit = 1) {
     return {std::min(n, b * unit), std::min(n, e * unit)};
 }
 
+// This core's share of [0, n) among the cores of its own cluster, cut at
+// multiples of `unit`: for kernels that give a cluster one piece of work.
+inline range cluster_share(long n, long unit = 1) {
+    const long cores = tsuemu::core_count();
+    const long me = tsuemu::core_id();
+    const long blocks = (n + unit - 1) / unit;
+    const long b = blocks * me / cores;
+    const long e = blocks * (me + 1) / cores;
+    return {std::min(n, b * unit), std::min(n, e * unit)};
+}
+
 // Element loops that GCC vectorises even under its cheapest cost model: a
 // trip count that is a known multiple of the vector width and no alias check.
 // So the loop runs over fixed blocks and then the tail, on restrict pointers
@@ -49,6 +60,13 @@ template <class TX, class TY, class TZ, class F>
         for (long j = 0; j < kVectorBlock; ++j) z[i + j] = f(x[i + j], y[i + j]);
     }
     for (; i < n; ++i) z[i] = f(x[i], y[i]);
+}
+
+// Whether the host CPU has AVX2, for kernels that carry a hand-written AVX2
+// loop beside a plain one; asked once.
+inline bool host_has_avx2() {
+    static const bool yes = __builtin_cpu_supports("avx2");
+    return yes;
 }
 
 // Elements of T in one 64-byte line.

@@ -1,5 +1,7 @@
 // The shared scale conventions: the absolute-maximum rule, rule Q8 with its
-// 16-bit and 2^30 forms, rules Q4, QD and QM, and the packed int4_t layout.
+// 16-bit and 2^30 forms and its AVX2 form, rules Q4, QD and QM, and the
+// packed int4_t layout; beside them the other float-to-int8 rule, the
+// device's saturating cast, and its AVX2 form.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,6 +12,7 @@
 #include <random>
 #include <vector>
 
+#include "frame/convert.h"
 #include "frame/quant_rules.h"
 #include "frame/scale_rules.h"
 #include "support/tsuops_test.h"
@@ -83,14 +86,100 @@ TEST(RuleQ8, AgreesWithTheStepByStepFormula) {
     }
 }
 
-// Lengths around the lane count, with NaNs, infinities and signed zeros.
+// Rule Q8 through its AVX2 form, as the kernels run it.
+__attribute__((target("avx2"))) std::vector<signed char> q8_vector(const std::vector<float>& x, float s) {
+    std::vector<signed char> y(x.size());
+    quant::avx2::q8_span(quant::quantiser<signed char>(s), x.data(), y.data(), static_cast<long>(x.size()));
+    return y;
+}
+
+std::vector<signed char> q8_scalar(const std::vector<float>& x, float s) {
+    std::vector<signed char> y;
+    for (float v : x) y.push_back(quant_fp32<signed char>(v, s));
+    return y;
+}
+
+// Every float16 and every bfloat16 value against scales of every kind (a
+// span's maximum, the floor, a zero, subnormal, too small, negative, infinite
+// or NaN scale, and either side of the factor 2^125 where the short form
+// stops), then random floats, bit patterns and exact ties against random
+// scales.
+TEST(RuleQ8, VectorFormMatchesTheScalarRule) {
+    if (!__builtin_cpu_supports("avx2")) GTEST_SKIP() << "no AVX2 on this machine";
+    std::vector<float> every;
+    for (std::uint32_t h = 0; h < 0x10000; ++h) {
+        every.push_back(static_cast<float>(float16::from_bits(static_cast<std::uint16_t>(h))));
+        every.push_back(std::bit_cast<float>(h << 16));
+    }
+    const float short_edge = 127.0f / 0x1p125f;  // the factor is 2^125 exactly
+    for (float s : {1.0f, 3.5f, 127.0f, 65504.0f, 0x1.fep127f, quant::kScaleFloor, 0.0f, -0.0f, kDenorm, 1e-37f, -2.0f,
+                    kInf, -kInf, kNaN, -kNaN, 0x1p-126f, short_edge / 1.5f, short_edge,
+                    std::nextafter(short_edge, kInf)}) {
+        ASSERT_TRUE(tsuops_test::identical(q8_scalar(every, s), q8_vector(every, s))) << "s " << s;
+    }
+    std::mt19937_64 rng(99);
+    std::vector<float> x(256);
+    for (int i = 0; i < 40000; ++i) {
+        const std::uint64_t k = rng();
+        const float s = k % 3 == 0 ? std::bit_cast<float>(static_cast<std::uint32_t>(rng()))
+                                   : std::exp2(static_cast<float>(static_cast<int>(rng() % 80)) - 40.0f) * 1.37f;
+        for (float& v : x) {
+            const std::uint64_t r = rng();
+            v = r % 3 == 0 ? std::bit_cast<float>(static_cast<std::uint32_t>(r >> 32))
+                : r % 3 == 1 ? s * static_cast<float>(static_cast<std::int32_t>(r >> 32)) * 0x1p-30f
+                             : s * (static_cast<float>(static_cast<int>(r >> 40) % 255 - 127) + 0.5f) / 127.0f;
+        }
+        ASSERT_TRUE(tsuops_test::identical(q8_scalar(x, s), q8_vector(x, s))) << "s " << s;
+    }
+}
+
+__attribute__((target("avx2"))) std::vector<signed char> int8_cast_vector(const std::vector<float>& x) {
+    std::vector<signed char> y(x.size());
+    for (std::size_t j = 0; j + 32 <= x.size(); j += 32) {
+        infer_ops::convert::avx2::int8_sim_32(x.data() + j, y.data() + j);
+    }
+    return y;
+}
+
+// The cast to signed char as the device does it (clamped to [-128, 127],
+// NaN to -128, then truncated): its AVX2 form against the scalar one on
+// every float16 and bfloat16 value, then on random bit patterns and on
+// values within a few units of the clamps.
+TEST(Int8Cast, VectorFormMatchesTheScalarRule) {
+    if (!__builtin_cpu_supports("avx2")) GTEST_SKIP() << "no AVX2 on this machine";
+    std::vector<float> x;
+    for (std::uint32_t h = 0; h < 0x10000; ++h) {
+        x.push_back(static_cast<float>(float16::from_bits(static_cast<std::uint16_t>(h))));
+        x.push_back(std::bit_cast<float>(h << 16));
+    }
+    std::mt19937_64 rng(5);
+    for (int i = 0; i < 4000000; ++i) {
+        const std::uint64_t r = rng();
+        x.push_back(r % 2 ? std::bit_cast<float>(static_cast<std::uint32_t>(r >> 32))
+                          : static_cast<float>(static_cast<std::int32_t>(r >> 32)) * 0x1p-24f);  // within +-128
+    }
+    std::vector<signed char> want;
+    for (float v : x) want.push_back(infer_ops::convert::from_float<signed char, true>(v));
+    EXPECT_TRUE(tsuops_test::identical(want, int8_cast_vector(x)));
+}
+
+__attribute__((target("avx2"))) float absmax_vector(const std::vector<float>& x, float start) {
+    return quant::avx2::absmax(x.data(), static_cast<long>(x.size()), start);
+}
+
+// Lengths around the lane counts, with NaNs, infinities and signed zeros; the
+// AVX2 form where the machine has it.
 TEST(AbsMax, MatchesTheSequentialRuleAtEveryLength) {
-    for (long n = 0; n < 40; ++n) {
+    const bool avx2 = __builtin_cpu_supports("avx2");
+    for (long n = 0; n < 70; ++n) {
         const auto x = tsuops_test::random_tensor<float16>(n, 100 + n, tsuops_test::RandomSpec::with_specials(0.15));
+        const std::vector<float> xf(x.begin(), x.end());
         for (float start : {quant::kScaleFloor, 0.0f}) {
             float s = start;
             for (float v : x) s = std::fabs(v) > s ? std::fabs(v) : s;
-            EXPECT_EQ(std::bit_cast<std::uint32_t>(quant::absmax(x.data(), n, start)), std::bit_cast<std::uint32_t>(s));
+            const std::uint32_t want = std::bit_cast<std::uint32_t>(s);
+            EXPECT_EQ(std::bit_cast<std::uint32_t>(quant::absmax(x.data(), n, start)), want);
+            EXPECT_EQ(avx2 ? std::bit_cast<std::uint32_t>(absmax_vector(xf, start)) : want, want);
         }
     }
 }

@@ -1,11 +1,12 @@
 // The comparison rules of every operator test. Each returns an AssertionResult
 // naming the first mismatching index, both values and the mismatch count.
+// - identical: bit for bit, NaN payloads and signs included: a kernel against
+//   its reference path.
 // - exactly_equal: data movement, integers, indices, masks, routing; floating
 //   elements bit for bit (signed zeros differ), any NaN matching any NaN.
 // - nearly_equal: floating results, by default within a few ulp of the output
 //   type's own precision, long reductions by reduction_tolerance; NaN matches
 //   NaN, an infinity only the same infinity.
-// - within_one_step: quantised integers whose scale came from a reduction.
 #pragma once
 
 #include <algorithm>
@@ -114,6 +115,12 @@ template <class T, class Match>
 }  // namespace detail
 
 template <class T>
+::testing::AssertionResult identical(const std::vector<T>& expected, const std::vector<T>& actual) {
+    return detail::compare_all(expected, actual, "identical",
+                               [](T e, T a) { return detail::bits_of(e) == detail::bits_of(a); });
+}
+
+template <class T>
 ::testing::AssertionResult exactly_equal(const std::vector<T>& expected, const std::vector<T>& actual) {
     return detail::compare_all(expected, actual, "exact", [](T e, T a) {
         if constexpr (is_floating_v<T>) {
@@ -128,7 +135,7 @@ template <class T>
 template <class T>
 ::testing::AssertionResult nearly_equal(const std::vector<T>& expected, const std::vector<T>& actual,
                                         const Tolerance& tol = ulp_tolerance<T>()) {
-    static_assert(is_floating_v<T>, "integers compare exactly or within one step");
+    static_assert(is_floating_v<T>, "integers compare exactly");
     return detail::compare_all(expected, actual, "tolerance", [&tol](T e, T a) {
         const double x = detail::as_double(e), y = detail::as_double(a);
         if (std::isnan(x) || std::isnan(y)) return std::isnan(x) && std::isnan(y);
@@ -142,14 +149,6 @@ template <class T>
 template <class T>
 ::testing::AssertionResult all_equal(const std::vector<T>& actual, T value) {
     return exactly_equal(std::vector<T>(actual.size(), value), actual);
-}
-
-template <class T>
-::testing::AssertionResult within_one_step(const std::vector<T>& expected, const std::vector<T>& actual) {
-    static_assert(std::is_integral_v<T> && !std::is_same_v<T, bool>, "quantised values are integers");
-    return detail::compare_all(expected, actual, "one step", [](T e, T a) {
-        return std::llabs(static_cast<long long>(e) - static_cast<long long>(a)) <= 1;
-    });
 }
 
 }  // namespace tsuops_test

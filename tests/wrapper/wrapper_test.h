@@ -1,5 +1,5 @@
 // What the operator tests share: tables of calls that must fail, and for the
-// norms their type pairs, the tensors of one call and the tolerance of a row.
+// norms their type pairs and the tensors of one call.
 #pragma once
 
 #include <cstdint>
@@ -94,12 +94,5 @@ struct Tensors {
           scale(ctx, random_tensor<TW>(n, seed + 1, RandomSpec::range(scale_lo, 1.5))),
           bias(ctx, random_tensor<TW>(n, seed + 2, RandomSpec::range(-0.5, 0.5))), s1(ctx, m), s2(ctx, m) {}
 };
-
-// The kernels sum in another order: a bound that grows with the row, and an
-// absolute floor `floor` times as large for results that cancel.
-template <class T>
-Tolerance row_tolerance(long n, double floor) {
-    return reduction_tolerance<T>(n).with_abs(floor * reduction_tolerance<T>(n).rel);
-}
 
 }  // namespace wrapper_test

@@ -26,6 +26,32 @@ inline TY from_float(float v) {
     }
 }
 
+// The device's narrowing of n floats to signed char: 32 at a time in its
+// AVX2 form where the CPU has it.
+__attribute__((target("avx2"))) void floats_to_int8_avx2(const float* x, signed char* y, long n) {
+    long i = 0;
+    for (; i + 32 <= n; i += 32) cv::avx2::int8_sim_32(x + i, y + i);
+    for (; i < n; ++i) y[i] = from_float<signed char>(x[i]);
+}
+
+void floats_to_int8(const float* x, signed char* y, long n) {
+    if (tsuops::kernels::host_has_avx2()) {
+        floats_to_int8_avx2(x, y, n);
+    } else {
+        map(x, y, n, [](float v) { return from_float<signed char>(v); });
+    }
+}
+
+// n floats to TY.
+template <typename TY>
+void from_floats(const float* __restrict x, TY* __restrict y, long n) {
+    if constexpr (std::is_same_v<TY, signed char>) {
+        floats_to_int8(x, y, n);
+    } else {
+        map(x, y, n, [](float v) { return from_float<TY>(v); });
+    }
+}
+
 // One run of elements with the device's rules (Sim).
 template <typename TX, typename TY>
 void cast_run(const TX* __restrict x, TY* __restrict y, long n) {
@@ -52,11 +78,13 @@ void cast_run(const TX* __restrict x, TY* __restrict y, long n) {
             for (long b = 0; b < n; b += kBlock) {
                 const long c = std::min(kBlock, n - b);
                 infer_ops::widen(x + b, f, c);
-                map(f, y + b, c, [](float v) { return from_float<TY>(v); });
+                from_floats(f, y + b, c);
             }
         }
     } else if constexpr (std::is_same_v<TY, bfloat16>) {
         map(x, y, n, [](TX v) { return from_float<TY>(cv::to_float(v)); });
+    } else if constexpr (std::is_same_v<TX, float> && std::is_same_v<TY, signed char>) {
+        floats_to_int8(x, y, n);
     } else {
         map(x, y, n, [](TX v) { return cv::element<TX, TY, true>(v); });
     }

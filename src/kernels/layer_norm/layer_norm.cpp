@@ -5,28 +5,27 @@
 
 namespace tsu3 {
 
+namespace nk = tsuops::kernels::norm;
+
 template <typename T, typename TW, bool P>
 void infer_layer_norm(float eps, long m, long n, const T* x, T* y, const TW* scale, const TW* bias,
                       bool kernel_flag) {
-    namespace nk = tsuops::kernels::norm;
-    const auto [b, e] = tsuops::kernels::core_share(m);
-    if (b == e) return;
-    nk::row_weights<TW, nk::kRowChunk> weights(scale, bias, n);
-    for (long i = b; i < e; ++i) nk::layer_row(x + i * n, y + i * n, n, eps, weights, P);
+    const auto group = [&](long i, long rows, nk::row_weights<TW>& w, nk::row_stats* st) {
+        nk::layer_group(x + i * n, y + i * n, rows, n, eps, w, st);
+    };
+    nk::over_groups(m, n, scale, bias, P, group, [](long, const nk::row_stats&) {});
 }
 
 template <typename T, typename TW>
 void infer_ops_layer_norm_infer(float eps, long m, long n, const T* x, T* y, const TW* scale, const TW* bias,
                                 float* mean, float* var, bool is_rstd) {
-    namespace nk = tsuops::kernels::norm;
-    const auto [b, e] = tsuops::kernels::core_share(m);
-    if (b == e) return;
-    nk::row_weights<TW, nk::kRowChunk> weights(scale, bias, n);
-    for (long i = b; i < e; ++i) {
-        const nk::row_stats st = nk::layer_row(x + i * n, y + i * n, n, eps, weights, false);
+    const auto group = [&](long i, long rows, nk::row_weights<TW>& w, nk::row_stats* st) {
+        nk::layer_group(x + i * n, y + i * n, rows, n, eps, w, st);
+    };
+    nk::over_groups(m, n, scale, bias, false, group, [&](long i, const nk::row_stats& st) {
         if (mean != nullptr) mean[i] = st.mean;
         if (var != nullptr) var[i] = is_rstd ? st.rstd : st.var;
-    }
+    });
 }
 
 }  // namespace tsu3

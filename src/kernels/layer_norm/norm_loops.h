@@ -1,26 +1,31 @@
-// The inner loops of the normalisation kernels, on rows already widened to
-// float. Each is compiled for AVX2 and for the baseline, chosen at load time.
-// None of them fuses a multiply with an add: a scaled element is rounded after
-// each step exactly as the reference computes it. Only the row sums differ
-// from the reference in their order (16 interleaved partial sums), which is
-// what lets them run vectorised.
+// The inner loops of the normalisation kernels, for rows of float, float16
+// or bfloat16. They give the reference's bits: a row's sums run in element
+// order, one add after another, and a scaled element is rounded after each
+// step, with no fused multiply-add. The speed comes from working on kGroup
+// rows at once, each in its own vector lane, never from reordering within a
+// row; 16-bit elements are widened in registers (exactly, as every widening
+// is).
 #pragma once
 
 namespace tsuops::kernels::norm {
 
-// The sum of x[j] * x[j] over [0, n).
-float sum_squares(const float* x, long n);
+// Rows summed side by side: one per lane of two eight-lane float vectors,
+// whose two chains of adds run interleaved.
+inline constexpr int kGroup = 16;
 
-// The sum of x[j] and the sum of x[j] * x[j] over [0, n).
-void sum_and_squares(const float* x, long n, float* s, float* q);
+// Lane r continues the sums of rows[r] over [0, n), in element order:
+// s[r] += x and q[r] += x * x (the square rounded before the add). s may be
+// null: the sums of squares alone.
+template <typename T>
+void group_sums(const T* const* rows, long n, float* s, float* q);
 
-// y[j] = (x[j] * r) * w[j] + b[j]. A null w is a weight of 1, a null b a
-// bias of 0 (still added, so that a product of -0 gives +0). y may be x.
-void rms_apply(const float* x, float r, const float* w, const float* b, float* y, long n);
+// out[j] = (x[j] * r) * w[j] + b[j]. A null w is a weight of 1, a null b a
+// bias of 0 (still added, so that a product of -0 gives +0).
+template <typename T>
+void rms_scale(const T* x, float r, const float* w, const float* b, float* out, long n);
 
-// y[j] = ((x[j] - mean) * r) * w[j] + b[j], the weight being w[j] + 1 when
-// plus_one is set and w is given. y may be x.
-void layer_apply(const float* x, float mean, float r, const float* w, bool plus_one, const float* b, float* y,
-                 long n);
+// out[j] = ((x[j] - mean) * r) * w[j] + b[j], with the same null rules.
+template <typename T>
+void layer_scale(const T* x, float mean, float r, const float* w, const float* b, float* out, long n);
 
 }  // namespace tsuops::kernels::norm

@@ -17,19 +17,22 @@ namespace quant = infer_ops::quant;
 // which stay in the first-level cache between the widening and their use.
 constexpr long kChunk = 1024;
 
-// The two passes over float spans, compiled twice: for AVX2 where the CPU
-// has it (eight lanes instead of four) and for the baseline. The rules of
-// quant_rules.h are inlined into loops of a constant block length, which
-// GCC vectorises under the build's cheap cost model.
-#define TSUOPS_QUANT2D_CLONES __attribute__((target_clones("avx2", "default")))
-
 // The absolute-maximum rule over n floats, continuing from s.
-TSUOPS_QUANT2D_CLONES float span_absmax(const float* __restrict x, long n, float s) {
-    return quant::absmax(x, n, s);
+__attribute__((target("avx2"))) float span_absmax_avx2(const float* x, long n, float s) {
+    return quant::avx2::absmax(x, n, s);
 }
 
-// Rule Q8 over n floats against the scale float s.
-TSUOPS_QUANT2D_CLONES void span_convert(const float* __restrict x, signed char* __restrict y, long n, float s) {
+inline float span_absmax(const float* x, long n, float s) {
+    return tsuops::kernels::host_has_avx2() ? span_absmax_avx2(x, n, s) : quant::absmax(x, n, s);
+}
+
+// Rule Q8 over n floats against the scale float s, in the rule's AVX2 form.
+__attribute__((target("avx2"))) void span_convert_avx2(const float* x, signed char* y, long n, float s) {
+    quant::avx2::q8_span(quant::quantiser<signed char>(s), x, y, n);
+}
+
+// The same without AVX2: the scalar rule in blocks that GCC vectorises.
+void span_convert_plain(const float* __restrict x, signed char* __restrict y, long n, float s) {
     constexpr long kBlock = 32;
     const quant::quantiser<signed char> q(s);
     long j = 0;
@@ -37,6 +40,14 @@ TSUOPS_QUANT2D_CLONES void span_convert(const float* __restrict x, signed char* 
         for (long k = 0; k < kBlock; ++k) y[j + k] = q(x[j + k]);
     }
     for (; j < n; ++j) y[j] = q(x[j]);
+}
+
+inline void span_convert(const float* x, signed char* y, long n, float s) {
+    if (tsuops::kernels::host_has_avx2()) {
+        span_convert_avx2(x, y, n, s);
+    } else {
+        span_convert_plain(x, y, n, s);
+    }
 }
 
 // n elements of x as floats: float rows as they are, 16-bit rows widened
@@ -101,15 +112,35 @@ void infer_quant2d(const T* x, signed char* y, float* scale, long m, long n, lon
     rows_over_grid(m, [&](long r) { quantise_row(x + r * ld, y + r * n, scale + r, n, quant::kScaleFloor); });
 }
 
-// Fewer rows than clusters: the first core of a cluster takes a row, so the
-// rows land on different clusters (and different host threads). A body
-// cannot wait for its neighbours, so the row's maximum and its conversion
-// stay with one core.
+// Fewer rows than clusters: each row goes to one cluster and is shared among
+// its cores. A body cannot wait for its neighbours, so quant2d launches this
+// kernel twice: with a null y, the first core of the cluster stores the row's
+// scale float; then with y, every core of the cluster converts its share of
+// the row (whole lines of y) against that scale.
 template <typename T>
 void infer_quant2d_smallm(const T* x, signed char* y, float* scale, long m, long n, long ld) {
-    if (tsuemu::core_id() != 0) return;
-    for (long r = tsuemu::cluster_id(); r < m; r += tsuemu::cluster_count()) {
-        quantise_row(x + r * ld, y + r * n, scale + r, n, quant::kScaleFloor);
+    const long first = tsuemu::cluster_id(), step = tsuemu::cluster_count();
+    if (y == nullptr) {
+        if (tsuemu::core_id() != 0) return;
+        alignas(64) float buf[kChunk];
+        for (long r = first; r < m; r += step) {
+            float s = quant::kScaleFloor;
+            for (long j = 0; j < n; j += kChunk) {
+                const long len = std::min(kChunk, n - j);
+                s = span_absmax(as_floats(x + r * ld + j, len, buf), len, s);
+            }
+            scale[r] = s;
+        }
+        return;
+    }
+    const auto [b, e] = tsuops::kernels::cluster_share(n, tsuops::kernels::line_elems<signed char>);
+    alignas(64) float buf[kChunk];
+    for (long r = first; r < m; r += step) {
+        const float s = scale[r];
+        for (long j = b; j < e; j += kChunk) {
+            const long len = std::min(kChunk, e - j);
+            span_convert(as_floats(x + r * ld + j, len, buf), y + r * n + j, len, s);
+        }
     }
 }
 

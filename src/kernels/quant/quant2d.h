@@ -4,7 +4,10 @@
 // float per row in `scale`, `m` rows.
 //
 //   infer_quant2d<T>                  any shape; rows split over every core
-//   infer_quant2d_smallm<T>           fewer rows than clusters: a cluster per row
+//   infer_quant2d_smallm<T>           fewer rows than clusters: a cluster per
+//                                     row, launched twice: with a null y it
+//                                     stores each row's scale float, then with
+//                                     y its cores convert the row in shares
 //   infer_quant2d_midm<T, N, K>       rows up to N elements, up to 1536 rows
 //   infer_quant2d_bigm<T, N, K>       rows up to N elements, any row count
 //   infer_quant2d_gmx<T, A, F>        the GMX engine. A: rows of at most 8192

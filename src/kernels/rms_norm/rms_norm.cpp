@@ -1,22 +1,21 @@
 #include "kernels/rms_norm/rms_norm.h"
 
-#include <algorithm>
-
 #include "kernels/grid.h"
 #include "kernels/layer_norm/norm_rows.h"
 
 namespace tsuops::kernels::norm {
 
-template <typename T, typename TW, long C>
+// Every kernel of the family: the row-length instances differ only in what
+// the device stages on chip, not in the arithmetic.
+template <typename T, typename TW>
 void rms_rows(float eps, long m, long n, const T* x, T* y, const TW* scale, const TW* bias, float* rms_out,
               bool is_rstd) {
-    const auto [b, e] = core_share(m);
-    if (b == e) return;
-    row_weights<TW, C> weights(scale, bias, n);
-    for (long i = b; i < e; ++i) {
-        const row_stats st = rms_row(x + i * n, y + i * n, n, eps, weights);
+    const auto group = [&](long i, long rows, row_weights<TW>& w, row_stats* st) {
+        rms_group(x + i * n, y + i * n, rows, n, eps, w, st);
+    };
+    over_groups(m, n, scale, bias, false, group, [&](long i, const row_stats& st) {
         if (rms_out != nullptr) rms_out[i] = is_rstd ? st.rstd : st.var;
-    }
+    });
 }
 
 }  // namespace tsuops::kernels::norm
@@ -28,18 +27,17 @@ namespace nk = tsuops::kernels::norm;
 template <typename T, typename TW>
 void infer_rms_layer_norm(float eps, long m, long n, const T* x, T* y, const TW* scale, const TW* bias,
                           float* rms_out, bool is_rstd) {
-    nk::rms_rows<T, TW, nk::kRowChunk>(eps, m, n, x, y, scale, bias, rms_out, is_rstd);
+    nk::rms_rows(eps, m, n, x, y, scale, bias, rms_out, is_rstd);
 }
 
 template <typename T, typename TW, int K>
 void infer_rms_layer_norm_ns(float eps, long m, long n, const T* x, T* y, const TW* scale, bool unused) {
-    constexpr long chunk = std::min(1024L * K, nk::kRowChunk);
-    nk::rms_rows<T, TW, chunk>(eps, m, n, x, y, scale, static_cast<const TW*>(nullptr), nullptr, false);
+    nk::rms_rows(eps, m, n, x, y, scale, static_cast<const TW*>(nullptr), nullptr, false);
 }
 
 template <typename T, typename TW>
 void infer_rms_layer_norm_gmx(float eps, long m, long n, const T* x, T* y, const TW* scale, bool unused) {
-    nk::rms_rows<T, TW, nk::kRowChunk>(eps, m, n, x, y, scale, static_cast<const TW*>(nullptr), nullptr, false);
+    nk::rms_rows(eps, m, n, x, y, scale, static_cast<const TW*>(nullptr), nullptr, false);
 }
 
 }  // namespace tsu3

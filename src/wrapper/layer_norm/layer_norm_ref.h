@@ -13,15 +13,9 @@
 
 namespace infer_ops::norm {
 
-struct layer_stats {
-    float mean;
-    float var;  // without eps
-    float rstd;
-};
-
 template <typename T, typename TW>
-layer_stats layer_norm_reference_row(const T* x, T* y, long n, float eps, const TW* scale, const TW* bias,
-                                     bool scale_plus_one) {
+row_stats layer_norm_reference_row(const T* x, T* y, long n, float eps, const TW* scale, const TW* bias,
+                                   bool scale_plus_one) {
     float s = 0.0f;
     float q = 0.0f;
     for (long j = 0; j < n; ++j) {
@@ -30,12 +24,7 @@ layer_stats layer_norm_reference_row(const T* x, T* y, long n, float eps, const 
         s = s + v;
         q = q + sq;
     }
-    const float fn = static_cast<float>(n);
-    const float mean = s / fn;
-    const float mean_sq = mean * mean;
-    const float var = q / fn - mean_sq;
-    const float t = var + eps;
-    const float r = rstd_of(t);
+    const row_stats st = layer_stats(s, q, n, eps);
     for (long j = 0; j < n; ++j) {
         float w = 1.0f;
         if (scale != nullptr) {
@@ -43,13 +32,13 @@ layer_stats layer_norm_reference_row(const T* x, T* y, long n, float eps, const 
             if (scale_plus_one) w = w + 1.0f;
         }
         const float b = bias != nullptr ? static_cast<float>(bias[j]) : 0.0f;
-        const float centred = static_cast<float>(x[j]) - mean;
-        const float normed = centred * r;
+        const float centred = static_cast<float>(x[j]) - st.mean;
+        const float normed = centred * st.rstd;
         const float weighted = normed * w;
         const float out = weighted + b;
         y[j] = T(out);
     }
-    return {mean, var, r};
+    return st;
 }
 
 }  // namespace infer_ops::norm

@@ -14,7 +14,7 @@ template <typename T, typename TW>
 int cpu_wrapper(const T* x, T* y, long m, long n, float eps, const TW* scale, const TW* bias, float* mean, float* var,
                 bool is_rstd) {
     for (long i = 0; i < m; ++i) {
-        const norm::layer_stats st = norm::layer_norm_reference_row(x + i * n, y + i * n, n, eps, scale, bias, false);
+        const norm::row_stats st = norm::layer_norm_reference_row(x + i * n, y + i * n, n, eps, scale, bias, false);
         if (mean != nullptr) mean[i] = st.mean;
         if (var != nullptr) var[i] = is_rstd ? st.rstd : st.var;
     }

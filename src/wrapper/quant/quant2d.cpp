@@ -27,7 +27,9 @@ int cpu_wrapper(const T* x, signed char* y, float* scale, long m, long n, long l
         float s = quant::kScaleFloor;
         for (long j = 0; j < n; ++j) s = quant::absmax_step(s, std::fabs(static_cast<float>(row[j])));
         scale[r] = s;
-        for (long j = 0; j < n; ++j) out[j] = orvane::tsu::api::__fp32_to_intx<signed char, 127>(static_cast<float>(row[j]), s);
+        for (long j = 0; j < n; ++j) {
+            out[j] = orvane::tsu::api::__fp32_to_intx<signed char, 127>(static_cast<float>(row[j]), s);
+        }
     }
     return SUCCESS;
 }
@@ -75,6 +77,11 @@ int tsu3_wrapper(Context* ctx, const T* x, signed char* y, float* scale, long m,
     const long chunk = std::max(1L, clusters) * sel::kRowsPerCluster;
     for (long i = 0; i < m; i += chunk) {
         const long rows = std::min(m - i, chunk);
+        // smallm shares each row among a cluster's cores: the scale floats
+        // first, in a launch of their own, then the conversion.
+        if (choice.kernel == sel::Kernel::smallm) {
+            if (int st = launch(stub, x + i * ld, nullptr, scale + i, rows, n, ld)) return st;
+        }
         if (int st = launch(stub, x + i * ld, y + i * n, scale + i, rows, n, ld)) return st;
     }
     return SUCCESS;

@@ -28,18 +28,16 @@ void reference_row(const T* x, T* y, long n, float eps, const TW* scale, const T
         const float sq = v * v;
         q = q + sq;
     }
-    const float ms = q / static_cast<float>(n);
-    const float t = eps + ms;
-    const float r = norm::rstd_of(t);
+    const norm::row_stats st = norm::rms_stats(q, n, eps);
     for (long j = 0; j < n; ++j) {
         const float w = scale != nullptr ? static_cast<float>(scale[j]) : 1.0f;
         const float b = bias != nullptr ? static_cast<float>(bias[j]) : 0.0f;
-        const float xr = static_cast<float>(x[j]) * r;
+        const float xr = static_cast<float>(x[j]) * st.rstd;
         const float xw = xr * w;
         const float out = xw + b;
         y[j] = T(out);
     }
-    if (rms_out != nullptr) *rms_out = is_rstd ? r : ms;
+    if (rms_out != nullptr) *rms_out = is_rstd ? st.rstd : st.var;
 }
 
 // Rows go to the platform's thread pool unless there is one row, one thread,

@@ -1,9 +1,12 @@
-// layer_norm and nn_layer_norm: device against host across the staging chunk
-// with and without each optional tensor and flag, the host bit for bit against
-// an independent computation (which rounds every step on its own), bad calls.
+// layer_norm and nn_layer_norm: device against host bit for bit, across the
+// kernels' staging chunk and row group, with and without each optional tensor
+// and flag, and on rows with a large common offset, whose rounded variance
+// goes negative; the host against an independent computation (which rounds
+// every step on its own); bad calls.
 #pragma GCC optimize("fp-contract=off")
 
 #include <cmath>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -16,6 +19,7 @@ namespace {
 using namespace orvane::tsu::api;
 using namespace tsuops_test;
 using wrapper_test::Tensors;
+namespace nk = tsuops::kernels::norm;
 
 template <class T>
 constexpr bool has_nn = !std::is_same_v<T, bfloat16>;  // nn_layer_norm has no bfloat16 form
@@ -38,34 +42,44 @@ int run(Context* ctx, Tensors<T, TW>& t, long m, long n, const Variant& v, bool 
     return infer_ops::layer_norm<T, TW>(ctx, t.x.data(), t.y.data(), m, n, 1e-5f, w, b, v.flag, v.plus_one);
 }
 
+// Host and device on the same tensors; every output compared bit for bit.
+template <class T, class TW>
+void expect_device_matches_host(Tensors<T, TW>& want, Tensors<T, TW>& got, long m, long n, const Variant& v,
+                                bool nn, Context* host, Context* dev) {
+    ASSERT_EQ(run(host, want, m, n, v, nn), 0);
+    ASSERT_EQ(run(dev, got, m, n, v, nn), 0);
+    EXPECT_TRUE(identical(want.y.download(), got.y.download()));
+    if (nn && v.stats) {
+        EXPECT_TRUE(identical(want.s1.download(), got.s1.download()));
+        EXPECT_TRUE(identical(want.s2.download(), got.s2.download()));
+    } else {
+        EXPECT_TRUE(got.s1.untouched() && got.s2.untouched());
+    }
+}
+
 template <class P>
 class LayerNorm : public ::testing::Test {};
 TYPED_TEST_SUITE(LayerNorm, wrapper_test::AllPairs, wrapper_test::PairNames);
 
-TYPED_TEST(LayerNorm, DeviceMatchesHostAcrossTheStagingChunk) {
+// Rows one below, at and one above the kernels' chunk and the longest row
+// whose weights they widen whole; a group of rows and one more (a full group
+// and a ragged one), or one row.
+TYPED_TEST(LayerNorm, DeviceMatchesHostBitForBit) {
     using T = typename TypeParam::X;
     using TW = typename TypeParam::W;
     auto host = host_context();
-    auto dev = device_context();
-    const long c = tsuops::kernels::norm::kRowChunk;
+    auto dev = device_context({.ncluster = 4});
+    const long c = nk::kRowChunk, w = nk::kWholeRow;
     std::uint64_t seed = 300;
-    for (long n : {1L, 2L, c - 1, c, c + 1, 2 * c - 1, 2 * c, 2 * c + 1, 65537L}) {
-        const long m = n < c ? 3 : 2;
-        const auto tol = wrapper_test::row_tolerance<T>(n, 8), stats_tol = wrapper_test::row_tolerance<float>(n, 8);
+    for (long n : {1L, 2L, c - 1, c, c + 1, 2 * c + 1, w - 1, w, w + 1, 65537L}) {
+        const long m = n == 2 ? 1 : n < 65537 ? nk::kGroup + 1 : 2;
         for (const Variant& v : kVariants) {
             for (bool nn : {false, true}) {
                 if (nn && !has_nn<T>) continue;
                 SCOPED_TRACE("n " + std::to_string(n) + " variant " + std::to_string(&v - kVariants) + " nn " +
                              std::to_string(nn));
                 Tensors<T, TW> want(host.get(), m, n, ++seed, -1.5), got(dev.get(), m, n, seed, -1.5);
-                ASSERT_EQ(run(host.get(), want, m, n, v, nn), 0);
-                ASSERT_EQ(run(dev.get(), got, m, n, v, nn), 0);
-                EXPECT_TRUE(nearly_equal(want.y.download(), got.y.download(), tol));
-                const bool stats = nn && v.stats;
-                EXPECT_TRUE(stats ? nearly_equal(want.s1.download(), got.s1.download(), stats_tol)
-                                  : ::testing::AssertionResult(got.s1.untouched()));
-                EXPECT_TRUE(stats ? nearly_equal(want.s2.download(), got.s2.download(), stats_tol)
-                                  : ::testing::AssertionResult(got.s2.untouched()));
+                expect_device_matches_host(want, got, m, n, v, nn, host.get(), dev.get());
             }
         }
     }
@@ -95,6 +109,59 @@ std::vector<T> independent_row(const std::vector<T>& x, float eps, const std::ve
     return y;
 }
 
+// Three rows of n: 1000.0 throughout, 100 + N(0, 1) and 300 + N(0, 1).
+template <class T>
+std::vector<T> offset_rows(long n) {
+    std::mt19937 rng(static_cast<unsigned>(n));
+    std::normal_distribution<double> noise(0.0, 1.0);
+    std::vector<T> x(n, T(1000.0f));
+    for (double offset : {100.0, 300.0}) {
+        for (long j = 0; j < n; ++j) x.push_back(T(static_cast<float>(offset + noise(rng))));
+    }
+    return x;
+}
+
+// Rows of 1000.0, of 100 + N(0, 1) and of 300 + N(0, 1): E[x^2] - mean^2
+// loses everything to rounding, and where it goes below -eps the definition
+// gives a NaN row. A kernel that sums in any other order gives other bits,
+// finite rows where the host has NaN rows, or the reverse.
+TYPED_TEST(LayerNorm, LargeCommonOffsetsGiveTheDefinitionsNaNRows) {
+    using T = typename TypeParam::X;
+    using TW = typename TypeParam::W;
+    auto host = host_context();
+    auto dev = device_context({.ncluster = 4});
+    long nan_rows = 0;
+    for (long n : {4096L, 8192L}) {
+        const long m = 3;
+        const std::vector<T> x = offset_rows<T>(n);
+        for (const Variant& v : {kVariants[1], kVariants[2]}) {
+            for (bool nn : {false, true}) {
+                if (nn && !has_nn<T>) continue;
+                SCOPED_TRACE("n " + std::to_string(n) + " variant " + std::to_string(&v - kVariants) + " nn " +
+                             std::to_string(nn));
+                Tensors<T, TW> want(host.get(), m, n, 5, 0.5), got(dev.get(), m, n, 5, 0.5);
+                want.x.upload(x);
+                got.x.upload(x);
+                expect_device_matches_host(want, got, m, n, v, nn, host.get(), dev.get());
+                const auto y = want.y.download();
+                const auto scale = want.scale.download(), bias = want.bias.download();
+                std::vector<float> stats;
+                for (long i = 0; i < m; ++i) {
+                    const std::vector<T> row(x.begin() + i * n, x.begin() + (i + 1) * n);
+                    independent_row(row, 1e-5f, v.scale ? scale : std::vector<TW>{},
+                                    v.bias ? bias : std::vector<TW>(n, TW(0.0f)), v.plus_one && !nn, stats);
+                    const bool negative = stats[1] + 1e-5f < 0.0f;
+                    nan_rows += negative;
+                    for (long j = 0; j < n; j += n / 4) {
+                        EXPECT_EQ(std::isnan(static_cast<float>(y[i * n + j])), negative) << "row " << i << ", " << j;
+                    }
+                }
+            }
+        }
+    }
+    EXPECT_GT(nan_rows, 0) << "no row went negative: the case tests nothing";
+}
+
 TYPED_TEST(LayerNorm, HostMatchesIndependentComputationExactly) {
     using T = typename TypeParam::X;
     using TW = typename TypeParam::W;
@@ -110,7 +177,7 @@ TYPED_TEST(LayerNorm, HostMatchesIndependentComputationExactly) {
         ASSERT_EQ((infer_ops::layer_norm<T, TW>(host.get(), x.data(), got.data(), 1, n, 1e-5f,
                                                 with_scale ? scale.data() : nullptr, bias.data(), true, plus_one)),
                   0);
-        EXPECT_TRUE(exactly_equal(want, got)) << "plus_one " << plus_one << " scale " << with_scale;
+        EXPECT_TRUE(identical(want, got)) << "plus_one " << plus_one << " scale " << with_scale;
     }
     if constexpr (has_nn<T>) {
         const auto want = independent_row(x, 0.0f, scale, bias, false, stats);  // eps of 0 is allowed here
@@ -120,12 +187,14 @@ TYPED_TEST(LayerNorm, HostMatchesIndependentComputationExactly) {
             ASSERT_EQ((infer_ops::nn_layer_norm<T, TW>(host.get(), x.data(), got.data(), 1, n, 0.0f, scale.data(),
                                                        bias.data(), &mean, &var, is_rstd)),
                       0);
-            EXPECT_TRUE(exactly_equal(want, got));
-            EXPECT_TRUE(exactly_equal(std::vector<float>{stats[0], stats[is_rstd ? 2 : 1]}, {mean, var})) << is_rstd;
+            EXPECT_TRUE(identical(want, got));
+            EXPECT_TRUE(identical(std::vector<float>{stats[0], stats[is_rstd ? 2 : 1]}, {mean, var})) << is_rstd;
         }
     }
 }
 
+// The last rows hold two faults at once: the first check in the documented
+// order is the one reported.
 TEST(LayerNormFailure, StatusLogAndNothingWritten) {
     using wrapper_test::fp;
     auto layer = [](auto c, auto p, long m, long n, double eps) {
@@ -148,7 +217,10 @@ TEST(LayerNormFailure, StatusLogAndNothingWritten) {
          {"bias past device memory", 0, dev, 2, 32, 1e-5, 3, 0x8000000000, {}, 1, "invalid_memory", {}},
          {"mean no memory", 1, dev, 2, 32, 1e-5, 4, 0x1000, {}, 1, "invalid_memory", {}},
          {"device type without a path", 1, DeviceType::TSU5, 2, 32, 1e-5, 0, 0, {}, 4, "unimplement", {}},
-         {"the launch fails", 1, dev, 2, 32, 1e-5, 0, 0, tsuemu::Site::Config, 2, "kernel_fail", {"7"}}});
+         {"the launch fails", 1, dev, 2, 32, 1e-5, 0, 0, tsuemu::Site::Config, 2, "kernel_fail", {"7"}},
+         {"y no memory and eps of zero: y first", 0, dev, 2, 32, 0.0, 1, 0x1000, {}, 1, "invalid_memory", {}},
+         {"mean without var and negative eps: eps first", 1, cpu, 2, 32, -0.5, 5, 1, {}, 1, "compare_fail",
+          {"-0.500000", ">=", "0"}}});
 }
 
 }  // namespace

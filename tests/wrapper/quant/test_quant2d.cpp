@@ -1,6 +1,7 @@
 // quant2d: device against host, exactly, on shapes across every row of the
-// selection table and on either engine, with the kernel each launches; the
-// chunked launch; the switches, in child processes; bad calls.
+// selection table and on either engine (each kernel also on rows further
+// apart than n), with the kernels each launches; the chunked launch; the
+// switches, in child processes; bad calls.
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -49,22 +50,22 @@ Result run(Context* ctx, const std::vector<T>& x, long m, long n, long ld, bool 
 struct Shape { long m, n, ld; bool use_gmx; Kernel kernel; long cap; };  // ld -1: n
 
 // One below, at and above each bound of the table and of the GMX choice.
+// Every kernel has a shape with ld > n, so that stepping rows by n fails.
 std::vector<Shape> shapes() {
     const long c = kClusters, r1 = sel::kRowCap1536, rows = sel::kMidmRows, g = sel::kGmxStagedRow;
-    const long a = sel::kGmxAlign;
+    const long a = sel::kGmxAlign, r4 = sel::kRowCap24576;
     std::vector<Shape> s = {
-        {1, 100, -1, false, Kernel::smallm, 0},           {c - 1, r1 + 1, -1, false, Kernel::smallm, 0},
-        {c, 100, -1, false, Kernel::midm, r1},            {c + 1, r1 - 1, -1, false, Kernel::midm, r1},
+        {1, 100, -1, false, Kernel::smallm, 0},           {c - 1, r1 + 1, r1 + 9, false, Kernel::smallm, 0},
+        {c, 100, 131, false, Kernel::midm, r1},           {c + 1, r1 - 1, -1, false, Kernel::midm, r1},
         {rows - 1, 96, -1, false, Kernel::midm, r1},      {rows, r1, -1, false, Kernel::midm, r1},
-        {rows + 1, 96, -1, false, Kernel::bigm, r1},      {rows + 1, r1, -1, false, Kernel::bigm, r1},
-        {c, 3000, 3007, false, Kernel::bigm, 6144},
+        {rows + 1, 96, 101, false, Kernel::bigm, r1},     {rows + 1, r1, -1, false, Kernel::bigm, r1},
         {c, 100, 300, true, Kernel::gmx_general, 0},      {c + 3, 256, 300, true, Kernel::gmx_staged, 0},
         {c + 3, g - a, -1, true, Kernel::gmx_staged, 0},  {c + 3, g, -1, true, Kernel::gmx_staged, 0},
         {c + 3, g + 1, -1, true, Kernel::gmx_general, 0}, {c + 3, g + a, -1, true, Kernel::gmx_general, 0},
-        {c + 1, sel::kRowCap24576 + 1, -1, false, Kernel::general, 0}};
-    const long caps[] = {r1, sel::kRowCap6144, sel::kRowCap12288, sel::kRowCap24576};
+        {c + 1, r4 + 1, -1, false, Kernel::general, 0},   {c, r4 + 1, r4 + 40, false, Kernel::general, 0}};
+    const long caps[] = {r1, sel::kRowCap6144, sel::kRowCap12288, r4};
     for (int i = 1; i < 4; ++i) {
-        s.push_back({c, caps[i - 1] + 1, -1, false, Kernel::bigm, caps[i]});
+        s.push_back({c, caps[i - 1] + 1, caps[i - 1] + 17, false, Kernel::bigm, caps[i]});
         s.push_back({c + 1, caps[i], -1, false, Kernel::bigm, caps[i]});
     }
     return s;
@@ -73,6 +74,20 @@ std::vector<Shape> shapes() {
 template <typename T>
 class Quant2d : public ::testing::Test {};
 TYPED_TEST_SUITE(Quant2d, HalfAndFloatTypes, ElementTypeNames);
+
+// smallm runs twice: the scale floats (y null), then the conversion.
+void expect_launches(const std::vector<LaunchRecord>& records, const std::string& prefix, const Shape& s) {
+    const bool twice = s.kernel == Kernel::smallm;
+    ASSERT_EQ(records.size(), twice ? 2u : 1u);
+    for (const auto& r : records) {
+        EXPECT_EQ(r.kernel.rfind(prefix, 0), 0u) << r.kernel;
+        EXPECT_EQ(r.nclusters, s.use_gmx ? kGmx : kClusters);
+        EXPECT_EQ(r.ncores, s.use_gmx ? 8 : 64);
+        EXPECT_EQ(LaunchCapture::arg<long>(r, 40), s.ld < 0 ? s.n : s.ld);
+    }
+    EXPECT_EQ(LaunchCapture::arg<signed char*>(records[0], 8) == nullptr, twice);
+    EXPECT_NE(LaunchCapture::arg<signed char*>(records.back(), 8), nullptr);
+}
 
 TYPED_TEST(Quant2d, DeviceMatchesHostAndRunsTheTablesKernel) {
     using T = TypeParam;
@@ -93,19 +108,15 @@ TYPED_TEST(Quant2d, DeviceMatchesHostAndRunsTheTablesKernel) {
         const Result got = run(dev.get(), x, s.m, s.n, s.ld, s.use_gmx);
         ASSERT_EQ(want.status, 0);
         ASSERT_EQ(got.status, 0);
-        EXPECT_TRUE(exactly_equal(want.scale, got.scale));
-        EXPECT_TRUE(exactly_equal(want.y, got.y));
+        EXPECT_TRUE(identical(want.scale, got.scale));
+        EXPECT_TRUE(identical(want.y, got.y));
         // The zero row stores the floor; the second, scaled by 127, rounds half to even.
         EXPECT_EQ(want.scale[0], infer_ops::quant::kScaleFloor);
         if (s.m > 1) {
             const std::vector<signed char> ties(want.y.begin() + s.n, want.y.begin() + s.n + 5);
             EXPECT_EQ(ties, (std::vector<signed char>{-127, -2, 0, 0, 2}));
         }
-        ASSERT_EQ(launches.size(), 1u);
-        const auto r = launches.records()[0];
-        EXPECT_EQ(r.kernel.rfind(kernel_prefix<T>(s.kernel, s.cap), 0), 0u) << r.kernel;
-        EXPECT_EQ(r.nclusters, s.use_gmx ? kGmx : kClusters);
-        EXPECT_EQ(r.ncores, s.use_gmx ? 8 : 64);
+        expect_launches(launches.records(), kernel_prefix<T>(s.kernel, s.cap), s);
     }
 }
 
@@ -125,8 +136,8 @@ TYPED_TEST(Quant2d, LongTensorsGoOutInChunks) {
         GuardedBuffer<float> sb(dev.get(), m);
         LaunchCapture launches;
         ASSERT_EQ(infer_ops::quant2d<T>(dev.get(), xb.data(), yb.data(), sb.data(), m, n, ld, gmx), 0);
-        EXPECT_TRUE(exactly_equal(want.y, yb.download())) << gmx;
-        EXPECT_TRUE(exactly_equal(want.scale, sb.download())) << gmx;
+        EXPECT_TRUE(identical(want.y, yb.download())) << gmx;
+        EXPECT_TRUE(identical(want.scale, sb.download())) << gmx;
         const auto records = launches.records();
         ASSERT_EQ(records.size(), 3u) << gmx;
         for (long k = 0; k < 3; ++k) {
@@ -148,19 +159,30 @@ TYPED_TEST(Quant2d, LongTensorsGoOutInChunks) {
 
 // The switches are read once per process: each setting runs in a child, on a
 // shape the table sends to midm, with use_gmx if QUANT2D_TEST_USE_GMX is set.
+// After the first call each switch is flipped (set to "1" if it was not set,
+// removed if it was), which must change nothing.
 TEST(Quant2dSwitch, DISABLED_Child) {
     const char* e = std::getenv("QUANT2D_TEST_EXPECT");
     const std::string expect = e ? e : "table";
     const Kernel k = expect == "gmx" ? Kernel::gmx_staged : expect == "general" ? Kernel::general : Kernel::midm;
     const bool use_gmx = std::getenv("QUANT2D_TEST_USE_GMX") != nullptr;
     const auto x = random_tensor<float16>(kClusters * 1024, 3);
+    const auto want = run(host_context().get(), x, kClusters, 1024, -1, use_gmx).y;
     auto dev = device_context({.ncluster = kClusters});
-    LaunchCapture launches;
-    const Result got = run(dev.get(), x, kClusters, 1024, -1, use_gmx);
-    EXPECT_TRUE(exactly_equal(run(host_context().get(), x, kClusters, 1024, -1, use_gmx).y, got.y));
-    ASSERT_EQ(launches.size(), 1u);
-    EXPECT_EQ(launches.records()[0].kernel.rfind(kernel_prefix<float16>(k, sel::kRowCap1536), 0), 0u)
-        << launches.records()[0].kernel;
+    for (int call = 0; call < 2; ++call) {
+        LaunchCapture launches;
+        EXPECT_TRUE(identical(want, run(dev.get(), x, kClusters, 1024, -1, use_gmx).y));
+        ASSERT_EQ(launches.size(), 1u);
+        EXPECT_EQ(launches.records()[0].kernel.rfind(kernel_prefix<float16>(k, sel::kRowCap1536), 0), 0u)
+            << "call " << call << ": " << launches.records()[0].kernel;
+        for (const char* name : {"TSUOPS_QUANT_GMX", "ZFR_STABLE"}) {
+            if (std::getenv(name) != nullptr) {
+                unsetenv(name);
+            } else {
+                setenv(name, "1", 1);
+            }
+        }
+    }
 }
 
 TEST(Quant2dSwitch, EachSettingInAFreshProcess) {
@@ -176,6 +198,8 @@ TEST(Quant2dSwitch, EachSettingInAFreshProcess) {
     }
 }
 
+// The last row holds two faults at once: the regions come before the check
+// of ld.
 TEST(Quant2dFailure, StatusLogAndNothingWritten) {
     using wrapper_test::as;
     auto quant2d = [](Context* c, void* const* p, long m, long n, double ld) {
@@ -193,7 +217,8 @@ TEST(Quant2dFailure, StatusLogAndNothingWritten) {
          {"scale past device memory", 0, dev, 4, 8, -1, 2, 0x8000000000, {}, 1, "invalid_memory", {}},
          {"device type 2", 0, DeviceType::TSU2, 4, 8, -1, 0, 0, {}, 4, "unimplement", {}},
          {"device type 4 does nothing", 0, DeviceType::TSU4, 4, 8, -1, 0, 0, {}, 0, nullptr, {}},
-         {"launch fails", 0, dev, 4, 8, -1, 0, 0, tsuemu::Site::Async, 2, "kernel_fail", {"7"}}});
+         {"launch fails", 0, dev, 4, 8, -1, 0, 0, tsuemu::Site::Async, 2, "kernel_fail", {"7"}},
+         {"scale no memory and ld below n: scale first", 0, dev, 4, 8, 7, 2, 0x1000, {}, 1, "invalid_memory", {}}});
 }
 
 }  // namespace

@@ -1,12 +1,14 @@
 // rms_layer_norm: across every row-length threshold, with and without each
 // optional tensor and with TSUOPS_RMSNORM_GMX on and off, device against host
-// and the kernel of the selection table; the host bit for bit against an
-// independent computation (which rounds every step on its own); bad calls.
+// bit for bit and the kernel of the selection table; rows with a large common
+// offset; the host against an independent computation (which rounds every step
+// on its own); bad calls.
 #pragma GCC optimize("fp-contract=off")
 
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <random>
 #include <set>
 #include <string>
 #include <vector>
@@ -22,6 +24,7 @@ using namespace orvane::tsu::api;
 using namespace tsuops_test;
 using wrapper_test::Tensors;
 namespace sel = infer_ops::rms_norm;
+namespace nk = tsuops::kernels::norm;
 
 constexpr int kClusters = 4, kGmx = 2;
 
@@ -36,10 +39,11 @@ int run(Context* ctx, Tensors<T, TW>& t, long m, long n, const Variant& v) {
                                             v.rms_out ? t.s1.data() : nullptr, v.is_rstd);
 }
 
-// One below, at and one above every ns row capacity, the GMX limit and the
-// kernels' staging chunk; every multiple of the GMX row unit up to its limit.
+// One below, at and one above every ns row capacity, the GMX limit, the
+// kernels' chunk and the longest row whose weights they widen whole; every
+// multiple of the GMX row unit up to its limit.
 std::vector<long> row_sweep() {
-    std::set<long> at{1, 1000, sel::kMaxGmxRow, tsuops::kernels::norm::kRowChunk}, out;
+    std::set<long> at{1, 1000, sel::kMaxGmxRow, nk::kRowChunk, nk::kWholeRow}, out;
     for (int k : sel::kNsCapacities) at.insert(sel::kNsRowUnit * k);
     for (long t : at) {
         for (long n : {t - 1, t, t + 1}) out.insert(std::max(n, 1L));
@@ -65,59 +69,77 @@ std::string expected_kernel(long n, const Variant& v, bool gmx_on) {
     return "tsu3::infer_rms_layer_norm_ns<" + types + ", " + std::to_string(k) + ">(";
 }
 
+// One call on each path, bit for bit, and the launch the table asks for.
 template <class T, class TW>
-void sweep(bool gmx_on) {
+void check(Context* host, Context* dev, Tensors<T, TW>& want, Tensors<T, TW>& got, long m, long n, const Variant& v,
+           bool gmx_on) {
+    ASSERT_EQ(run(host, want, m, n, v), 0);
+    LaunchCapture launches;
+    ASSERT_EQ(run(dev, got, m, n, v), 0);
+    EXPECT_TRUE(identical(want.y.download(), got.y.download()));
+    EXPECT_TRUE(v.rms_out ? identical(want.s1.download(), got.s1.download())
+                          : ::testing::AssertionResult(got.s1.untouched()));
+    ASSERT_EQ(launches.size(), 1u);
+    const auto r = launches.records()[0];
+    const std::string want_kernel = expected_kernel<T, TW>(n, v, gmx_on);
+    const bool gmx = want_kernel.find("_gmx<") != std::string::npos;
+    EXPECT_EQ(r.kernel.rfind(want_kernel, 0), 0u) << r.kernel;
+    EXPECT_EQ(r.nclusters, gmx ? kGmx : kClusters);
+    EXPECT_EQ(r.ncores, gmx ? 8 : 64);
+    EXPECT_EQ(LaunchCapture::arg<long>(r, 8), m);
+    EXPECT_EQ(LaunchCapture::arg<long>(r, 16), n);
+    EXPECT_TRUE(want_kernel.find("norm<") != std::string::npos || !LaunchCapture::arg<bool>(r, 48))
+        << "the last bool of the ns and GMX kernels is always false";
+}
+
+// Every row length of the sweep with every variant, or (probe) the two
+// lengths where the switch decides, with no optional tensor. A group of rows
+// and one more, or two rows where the rows are long.
+template <class T, class TW>
+void sweep(bool gmx_on, bool probe) {
     auto host = host_context();
     auto dev = device_context({.ncluster = kClusters, .ngmx = kGmx});
     std::uint64_t seed = 100;
-    for (long n : row_sweep()) {
-        const long m = n <= 4097 ? 3 : 2;
+    const std::vector<long> rows = probe ? std::vector<long>{sel::kGmxRowUnit, sel::kMaxGmxRow} : row_sweep();
+    for (long n : rows) {
+        const long m = n <= 4097 ? nk::kGroup + 1 : 2;
         for (const Variant& v : kVariants) {
+            if (probe && &v != kVariants) break;
             SCOPED_TRACE(std::string(type_name<T>()) + ", " + type_name<TW>() + ": n " + std::to_string(n) +
                          " variant " + std::to_string(&v - kVariants));
             Tensors<T, TW> want(host.get(), m, n, ++seed, 0.5), got(dev.get(), m, n, seed, 0.5);
-            ASSERT_EQ(run(host.get(), want, m, n, v), 0);
-            LaunchCapture launches;
-            ASSERT_EQ(run(dev.get(), got, m, n, v), 0);
-            EXPECT_TRUE(nearly_equal(want.y.download(), got.y.download(), wrapper_test::row_tolerance<T>(n, 4)));
-            const auto rms_tol = wrapper_test::row_tolerance<float>(n, 4);
-            EXPECT_TRUE(v.rms_out ? nearly_equal(want.s1.download(), got.s1.download(), rms_tol)
-                                  : ::testing::AssertionResult(got.s1.untouched()));
-            ASSERT_EQ(launches.size(), 1u);
-            const auto r = launches.records()[0];
-            const std::string want_kernel = expected_kernel<T, TW>(n, v, gmx_on);
-            const bool gmx = want_kernel.find("_gmx<") != std::string::npos;
-            EXPECT_EQ(r.kernel.rfind(want_kernel, 0), 0u) << r.kernel;
-            EXPECT_EQ(r.nclusters, gmx ? kGmx : kClusters);
-            EXPECT_EQ(r.ncores, gmx ? 8 : 64);
-            EXPECT_EQ(LaunchCapture::arg<long>(r, 8), m);
-            EXPECT_EQ(LaunchCapture::arg<long>(r, 16), n);
-            EXPECT_TRUE(want_kernel.find("norm<") != std::string::npos || !LaunchCapture::arg<bool>(r, 48))
-                << "the last bool of the ns and GMX kernels is always false";
+            check(host.get(), dev.get(), want, got, m, n, v, gmx_on);
         }
     }
 }
 
 // The switch is read once per process, so each value runs in a child; only
-// exactly "1" counts as on.
+// exactly "1" counts as on. RMS_NORM_TEST_PROBE asks for the short sweep.
 TEST(RmsNormChild, DISABLED_Sweep) {
     const char* value = std::getenv("TSUOPS_RMSNORM_GMX");
     const bool on = value != nullptr && std::string(value) == "1";
-    sweep<float16, float16>(on);
-    sweep<float16, float>(on);
-    sweep<bfloat16, bfloat16>(on);
-    sweep<bfloat16, float>(on);
-    sweep<float, float>(on);
-    // Read at the first call: changing it now changes nothing.
-    setenv("TSUOPS_RMSNORM_GMX", on ? "0" : "1", 1);
-    sweep<bfloat16, bfloat16>(on);
+    const bool probe = std::getenv("RMS_NORM_TEST_PROBE") != nullptr;
+    sweep<float16, float16>(on, probe);
+    sweep<float16, float>(on, probe);
+    sweep<bfloat16, bfloat16>(on, probe);
+    sweep<bfloat16, float>(on, probe);
+    sweep<float, float>(on, probe);
+    // Read at the first call: a later change of the environment changes nothing.
+    if (on) {
+        unsetenv("TSUOPS_RMSNORM_GMX");
+    } else {
+        setenv("TSUOPS_RMSNORM_GMX", "1", 1);
+    }
+    sweep<float16, float16>(on, true);
+    sweep<bfloat16, float>(on, true);
 }
 
 TEST(RmsNormSelection, DeviceMatchesHostAndTheTableWithTheSwitchOnAndOff) {
-    for (const char* value : {"1", "0", "true", "", static_cast<const char*>(nullptr)}) {  // null: unset
-        std::vector<std::pair<std::string, std::string>> env;
-        if (value) env.emplace_back("TSUOPS_RMSNORM_GMX", value);
-        EXPECT_TRUE(run_child("RmsNormChild.DISABLED_Sweep", env, {"TSUOPS_RMSNORM_GMX"})) << value;
+    using Env = std::vector<std::pair<std::string, std::string>>;
+    const Env probe = {{"RMS_NORM_TEST_PROBE", "1"}};
+    for (const Env& env : {Env{{"TSUOPS_RMSNORM_GMX", "1"}}, Env{}, Env{{"TSUOPS_RMSNORM_GMX", "0"}, probe[0]},
+                           Env{{"TSUOPS_RMSNORM_GMX", "true"}, probe[0]}, Env{{"TSUOPS_RMSNORM_GMX", ""}, probe[0]}}) {
+        EXPECT_TRUE(run_child("RmsNormChild.DISABLED_Sweep", env, {"TSUOPS_RMSNORM_GMX", "RMS_NORM_TEST_PROBE"}));
     }
 }
 
@@ -149,12 +171,50 @@ TYPED_TEST(RmsNorm, HostMatchesIndependentComputationExactly) {
         ASSERT_EQ((infer_ops::rms_layer_norm<T, TW>(host.get(), x.data(), y.data(), 1, n, eps, scale.data(),
                                                    bias.data(), &rms, is_rstd)),
                   0);
-        EXPECT_TRUE(exactly_equal(want, y));
-        EXPECT_TRUE(exactly_equal({is_rstd ? r : ms}, std::vector<float>{rms})) << "is_rstd " << is_rstd;
+        EXPECT_TRUE(identical(want, y));
+        EXPECT_TRUE(identical({is_rstd ? r : ms}, std::vector<float>{rms})) << "is_rstd " << is_rstd;
     }
 }
 
-// rms_out goes with the bias, so that a null bias leaves the row-length table in charge.
+// Three rows of n: 1000.0 throughout, 100 + N(0, 1) and 300 + N(0, 1).
+template <class T>
+std::vector<T> offset_rows(long n) {
+    std::mt19937 rng(static_cast<unsigned>(n));
+    std::normal_distribution<double> noise(0.0, 1.0);
+    std::vector<T> x(n, T(1000.0f));
+    for (double offset : {100.0, 300.0}) {
+        for (long j = 0; j < n; ++j) x.push_back(T(static_cast<float>(offset + noise(rng))));
+    }
+    return x;
+}
+
+// Rows of 1000.0, of 100 + N(0, 1) and of 300 + N(0, 1): a sum of squares
+// of large equal terms, where any other order of the adds gives other bits.
+// On the table's kernel and on the general one.
+TYPED_TEST(RmsNorm, LargeCommonOffsetsMatchBitForBit) {
+    using T = typename TypeParam::X;
+    using TW = typename TypeParam::W;
+    auto host = host_context();
+    auto dev = device_context({.ncluster = kClusters, .ngmx = kGmx});
+    for (long n : {4096L, 8192L}) {
+        const long m = 3;
+        const std::vector<T> x = offset_rows<T>(n);
+        for (const Variant& v : {kVariants[1], kVariants[4]}) {
+            SCOPED_TRACE("n " + std::to_string(n) + " variant " + std::to_string(&v - kVariants));
+            Tensors<T, TW> want(host.get(), m, n, 5, 0.5), got(dev.get(), m, n, 5, 0.5);
+            want.x.upload(x);
+            got.x.upload(x);
+            ASSERT_EQ(run(host.get(), want, m, n, v), 0);
+            ASSERT_EQ(run(dev.get(), got, m, n, v), 0);
+            EXPECT_TRUE(identical(want.y.download(), got.y.download()));
+            EXPECT_TRUE(identical(want.s1.download(), got.s1.download()));
+        }
+    }
+}
+
+// rms_out goes with the bias, so that a null bias leaves the row-length table
+// in charge. The last row holds two faults at once: the first check in the
+// documented order is the one reported.
 TEST(RmsNormFailure, StatusLogAndNothingWritten) {
     using wrapper_test::as;
     auto rms = [](Context* c, void* const* p, long m, long n, double eps) {
@@ -176,7 +236,9 @@ TEST(RmsNormFailure, StatusLogAndNothingWritten) {
          {"bias no memory", 0, dev, 2, 32, 1e-5, 3, 0x1000, {}, 1, "invalid_memory", {}},
          {"device type without a path", 0, DeviceType::TSU4, 2, 32, 1e-5, 0, 0, {}, 4, "unimplement", {}},
          {"the general kernel fails", 0, dev, 2, 32, 1e-5, 0, 0, tsuemu::Site::Config, 2, "kernel_fail", {"7"}},
-         {"a table kernel fails", 0, dev, 2, 32, 1e-5, 3, 1, tsuemu::Site::Async, 2, "kernel_fail", {"7"}}});
+         {"a table kernel fails", 0, dev, 2, 32, 1e-5, 3, 1, tsuemu::Site::Async, 2, "kernel_fail", {"7"}},
+         {"scale no memory and eps of zero: eps first", 0, dev, 2, 32, 0.0, 2, 0x1000, {}, 1, "compare_fail",
+          {"0.000000", ">", "0"}}});
 }
 
 }  // namespace
