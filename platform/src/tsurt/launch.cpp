@@ -60,9 +60,15 @@ void run_grid_share(void* state, int part) noexcept {
     const long begin = job.total * part / job.parts;
     const long end = job.total * (part + 1) / job.parts;
     const unsigned char* args = l.args.data();
+    int cluster = static_cast<int>(begin / l.ncores);
+    int core = static_cast<int>(begin % l.ncores);
     for (long c = begin; c < end; ++c) {
-        t_pos = CorePosition{static_cast<int>(c / l.ncores), l.nclusters, static_cast<int>(c % l.ncores), l.ncores};
+        t_pos = CorePosition{cluster, l.nclusters, core, l.ncores};
         l.entry(args);
+        if (++core == l.ncores) {
+            core = 0;
+            ++cluster;
+        }
     }
     t_pos = CorePosition{};
 }
