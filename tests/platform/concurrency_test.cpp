@@ -4,6 +4,9 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -47,16 +50,31 @@ void reverse_entry(const unsigned char* args) {
     for (long i = b; i < e; ++i) y[i] = x[n - 1 - i];
 }
 
-// Runs `body(t)` on `threads` threads at once, started together.
+// Runs `body(t)` on `threads` threads at once, started together. A job the
+// runtime loses leaves a thread waiting for ever: past a deadline far beyond
+// any normal run the process ends, so that the test fails instead of hanging.
 void together(int threads, const std::function<void(int)>& body) {
     std::atomic<int> ready{0};
+    std::mutex mu;
+    std::condition_variable all_done;
+    int done = 0;
     std::vector<std::thread> team;
     for (int t = 0; t < threads; ++t) {
         team.emplace_back([&, t] {
             ready.fetch_add(1);
             while (ready.load() < threads) std::this_thread::yield();
             body(t);
+            std::lock_guard<std::mutex> lk(mu);
+            if (++done == threads) all_done.notify_one();
         });
+    }
+    {
+        std::unique_lock<std::mutex> lk(mu);
+        if (!all_done.wait_for(lk, std::chrono::seconds(120), [&] { return done == threads; })) {
+            std::fprintf(stderr, "%d of %d threads still wait after 120 s: the runtime lost or stalled a job\n",
+                         threads - done, threads);
+            std::abort();
+        }
     }
     for (auto& th : team) th.join();
 }
@@ -88,11 +106,21 @@ TEST(Streams, ManyLaunchesFromTwoThreadsCompleteInOrderPerStream) {
     }
 }
 
+// A tenth of a microsecond or so of work, so that the jobs of concurrent
+// callers are long enough to meet.
+long busy_work(long seed) {
+    volatile long v = seed;
+    for (int i = 0; i < 64; ++i) v = v * 7 + 1;
+    return v;
+}
+
 // Every core of a launch adds its stream's tag to its own counter once.
 void tally_entry(const unsigned char* args) {
     ArgReader r(args);
     auto* counts = r.next<long*>();
-    counts[tsuemu::global_core_id()] += r.next<long>();
+    const long tag = r.next<long>();
+    busy_work(tag);
+    counts[tsuemu::global_core_id()] += tag;
 }
 
 // Two contexts launching on two threads while two more threads run the host
@@ -121,7 +149,10 @@ TEST(Executor, ConcurrentLaunchesAndHostJobsStayApart) {
             for (int i = 0; i < rounds; ++i) {
                 std::vector<std::atomic<int>> seen(static_cast<std::size_t>(len));
                 cpu::internal::invoke_parallel(0, len, 1, [&](long b, long e) {
-                    for (long j = b; j < e; ++j) seen[static_cast<std::size_t>(j)].fetch_add(1);
+                    for (long j = b; j < e; ++j) {
+                        busy_work(j);
+                        seen[static_cast<std::size_t>(j)].fetch_add(1);
+                    }
                 });
                 const bool once = std::all_of(seen.begin(), seen.end(), [](const auto& s) { return s.load() == 1; });
                 ASSERT_TRUE(once) << "host caller " << t << ", round " << i;
