@@ -87,8 +87,10 @@ StepResult run_step(const StepCase& c) {
     StepResult out{};
     std::optional<LogCapture> logs;
     if (c.sink) logs.emplace();
+    set_log_echo(false);
     out.line = __LINE__ + 1;
     out.status = c.input ? frame::input(g, &f.ctx, "x", p, 5) : frame::output(g, &f.ctx, "x", p, 5);
+    set_log_echo(true);
     if (logs) out.records = logs->records();
     for (const auto& [name, r] : g.recorded_regions) out.kept.push_back(r);
     return out;
@@ -105,7 +107,6 @@ TEST(RegionStep, RecordsOnlyForAConsumerAndThenInFull) {
         {"precision check without a sink", 3, kTrace | kDebugPrecisionCheck, false, true, false, true, true},
         {"precision bit without the gate", 3, kDebugPrecisionCheck, false, true, false, false, false},
     };
-    set_log_echo(false);
     for (const StepCase& c : cases) {
         SCOPED_TRACE(c.what);
         const StepResult r = run_step(c);
@@ -131,7 +132,6 @@ TEST(RegionStep, RecordsOnlyForAConsumerAndThenInFull) {
             EXPECT_EQ(k.detail->position, "frame/test_region_records.cpp:" + std::to_string(r.line));
         }
     }
-    set_log_echo(true);
 }
 
 // A region that fails takes the whole step whether or not anybody listens.

@@ -108,8 +108,8 @@ TEST(Streams, ManyLaunchesFromTwoThreadsCompleteInOrderPerStream) {
 
 // A tenth of a microsecond or so of work, so that the jobs of concurrent
 // callers are long enough to meet.
-long busy_work(long seed) {
-    volatile long v = seed;
+unsigned long busy_work(long seed) {
+    volatile unsigned long v = static_cast<unsigned long>(seed);
     for (int i = 0; i < 64; ++i) v = v * 7 + 1;
     return v;
 }
