@@ -5,6 +5,8 @@
 // job at most, and not at all while its threads are still spinning.
 #pragma once
 
+#include <sched.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
@@ -65,7 +67,11 @@ public:
         return (c & 0xffffu) < ((c >> 16) & 0xffffu);
     }
 
+    // The CPUs this process may run on (a cpuset or taskset may allow fewer
+    // than the machine has): more threads than that only wait for a core.
     static int default_size() {
+        cpu_set_t set;
+        if (sched_getaffinity(0, sizeof set, &set) == 0 && CPU_COUNT(&set) > 0) return CPU_COUNT(&set);
         unsigned n = std::thread::hardware_concurrency();
         return n == 0 ? 1 : static_cast<int>(n);
     }
