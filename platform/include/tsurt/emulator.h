@@ -61,7 +61,8 @@ void clear_failures();
 // Used by the platform at each site: true (and *code set) if this call fails.
 bool consume_failure(Site site, int* code) noexcept;
 
-// Runs launches inside tsu_launch_async instead of on the stream's worker.
+// Runs each launch to its end inside tsu_launch_async, in the stream's
+// order and accounting (a wait on the stream from another thread covers it).
 // The default comes from TSUEMU_SYNC=1; the override is for tests.
 void set_sync_override(int mode);  // -1 environment, 0 off, 1 on
 bool sync_mode() noexcept;
