@@ -23,16 +23,6 @@ namespace {
 using tsuemu::KernelDescriptor;
 using tsuemu::KernelEntry;
 
-// ---- grid position of the running core ---------------------------------
-struct CorePosition {
-    int cluster = 0;
-    int clusters = 1;
-    int core = 0;
-    int cores = 1;
-};
-// Read once per core by every kernel: the initial-exec model makes it one load.
-thread_local CorePosition t_pos __attribute__((tls_model("initial-exec")));
-
 // One queued launch: a fixed slot of a stream's ring, filled in place, so
 // that queuing allocates nothing.
 struct Slot {
@@ -63,14 +53,14 @@ void run_grid_share(void* state, int part) noexcept {
     int cluster = static_cast<int>(begin / l.ncores);
     int core = static_cast<int>(begin % l.ncores);
     for (long c = begin; c < end; ++c) {
-        t_pos = CorePosition{cluster, l.nclusters, core, l.ncores};
+        tsuemu::detail::running_core = tsuemu::CorePosition{cluster, l.nclusters, core, l.ncores};
         l.entry(args);
         if (++core == l.ncores) {
             core = 0;
             ++cluster;
         }
     }
-    t_pos = CorePosition{};
+    tsuemu::detail::running_core = tsuemu::CorePosition{};
 }
 
 void run_grid(const Slot& l) {
@@ -279,10 +269,9 @@ std::string kernel_name(const KernelDescriptor* d) {
 
 namespace tsuemu {
 
-int cluster_id() noexcept { return t_pos.cluster; }
-int cluster_count() noexcept { return t_pos.clusters; }
-int core_id() noexcept { return t_pos.core; }
-int core_count() noexcept { return t_pos.cores; }
+namespace detail {
+thread_local constinit CorePosition running_core __attribute__((tls_model("initial-exec"))){};
+}  // namespace detail
 
 void set_launch_observer(std::function<void(const LaunchRecord&)> observer) {
     std::shared_ptr<const std::function<void(const LaunchRecord&)>> next;
