@@ -19,6 +19,11 @@
 #include "memory_region.h"
 #include "param_dump.h"
 
+// Weak, so that the library also links against a platform without the query.
+namespace orvane::tsu::api {
+[[gnu::weak]] bool _log_memory_wanted(Context* ctx) noexcept;
+}  // namespace orvane::tsu::api
+
 namespace infer_ops {
 using orvane::tsu::api::Context;
 using orvane::tsu::api::ContextStackGuard;
@@ -193,13 +198,24 @@ inline bool api_precision(Context* ctx, ContextStackGuard& g) {
     return orvane::tsu::api_infrastructure::should_check_precision(ctx, g.info.name);
 }
 
+// Whether the platform has a use for the record of a region that carries no
+// detail. A platform that cannot say gets every record.
+inline bool region_record_wanted(Context* ctx) {
+    return &api::_log_memory_wanted == nullptr || api::_log_memory_wanted(ctx);
+}
+
+// The region step. A valid region that nobody records (no trace, no
+// precision check, no log sink) is only tested: the region object, its
+// record and the platform call would be built for nobody. Everything else,
+// failures included, takes the whole step.
 template <typename T>
 int region(ContextStackGuard& g, Context* ctx, const char* name, const T* ptr, long len, bool is_input,
            where at = where::current()) {
     using E = std::remove_cv_t<T>;
-    api::memory_region r(is_input, ptr, len, api::debug_checksum_level(ctx));
     const bool precision = api_precision(ctx, g);
     const bool want_detail = debug_active(ctx) || precision;
+    if (!want_detail && !region_record_wanted(ctx) && api::dense_region_valid<E>(ctx, ptr, len)) return SUCCESS;
+    api::memory_region r(is_input, ptr, len, api::debug_checksum_level(ctx));
     r.init_detail<E>(want_detail, api::_get_ctx_opcount(ctx), at.file_name(), static_cast<int>(at.line()), name,
                      api::_get_checksum_accelerate_flag(ctx), nullptr);
     if (!r.is_valid<E>(ctx)) {

@@ -70,20 +70,14 @@ void memory_region::init_detail(bool want_detail, int opcount, const char* file,
     detail = d;
 }
 
+namespace {
+
+// The steps of the validity test after the shape's own: the extreme
+// elements `low` and `high` (element offsets from `ptr`) must lie in one
+// device memory.
 template <typename T>
-bool memory_region::is_valid(Context* ctx) {
-    if (ptr == nullptr) return false;
-    if (shape.size() != strides.size()) return false;
-    for (long d : shape) {
-        if (d < 1) return false;
-    }
+bool extent_valid(const Context* ctx, const void* ptr, __int128 low, __int128 high) {
     if (ctx->dev_type == 0) return true;
-    __int128 low = 0, high = 0;
-    for (std::size_t i = 0; i < shape.size(); ++i) {
-        const __int128 span = static_cast<__int128>(shape[i] - 1) * strides[i];
-        if (strides[i] < 0) low += span;
-        else high += span;
-    }
     constexpr long es = region_elem_size<T>;
     if ((high - low + 1) * es > static_cast<__int128>(INT64_MAX)) return false;
     const __int128 base = static_cast<__int128>(reinterpret_cast<std::uint64_t>(ptr));
@@ -101,9 +95,33 @@ bool memory_region::is_valid(Context* ctx) {
     return hb <= he;
 }
 
+}  // namespace
+
+template <typename T>
+bool memory_region::is_valid(Context* ctx) {
+    if (ptr == nullptr) return false;
+    if (shape.size() != strides.size()) return false;
+    for (long d : shape) {
+        if (d < 1) return false;
+    }
+    __int128 low = 0, high = 0;
+    for (std::size_t i = 0; i < shape.size(); ++i) {
+        const __int128 span = static_cast<__int128>(shape[i] - 1) * strides[i];
+        if (strides[i] < 0) low += span;
+        else high += span;
+    }
+    return extent_valid<T>(ctx, ptr, low, high);
+}
+
+template <typename T>
+bool dense_region_valid(const Context* ctx, const void* ptr, long len) {
+    return ptr != nullptr && len >= 1 && extent_valid<T>(ctx, ptr, 0, static_cast<__int128>(len) - 1);
+}
+
 #define TSUOPS_REGION_INSTANCE(T)                                                                        \
     template void memory_region::init_detail<T>(bool, int, const char*, int, const char*, bool, const int*); \
-    template bool memory_region::is_valid<T>(Context*);
+    template bool memory_region::is_valid<T>(Context*);                                                   \
+    template bool dense_region_valid<T>(const Context*, const void*, long);
 TSUOPS_REGION_INSTANCE(float)
 TSUOPS_REGION_INSTANCE(float16)
 TSUOPS_REGION_INSTANCE(bfloat16)

@@ -33,6 +33,11 @@ template <> inline constexpr Dtype dtype_of<int4_t> = Dtype::INT4;
 // Bytes per element in region arithmetic; a packed 4-bit type counts as one.
 template <typename T> inline constexpr long region_elem_size = sizeof(T);
 
+// What memory_region::is_valid<T> gives for a region of `len` elements of
+// stride 1 at `ptr`, without building the region.
+template <typename T>
+bool dense_region_valid(const Context* ctx, const void* ptr, long len);
+
 // 0 unless the debug gate is on; then bits 4 to 7 of the debug word.
 int debug_checksum_level(const Context* ctx);
 

@@ -1,8 +1,13 @@
 #include "catalogue.h"
 
+#include <cxxabi.h>
 #include <dlfcn.h>
 #include <elf.h>
 #include <link.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
 
 extern "C" {
 // Bounds of the descriptor section of this library, placed by the linker.
@@ -38,6 +43,23 @@ bool name_descriptor(tsuemu::KernelDescriptor* desc, const void* body) {
     desc->image_size = (size + 3) / 4 * 4;
     desc->hash = fnv1a(static_cast<const unsigned char*>(body), size);
     return true;
+}
+
+void kernel_threw(const void* body) noexcept {
+    Dl_info info{};
+    const char* mangled = dladdr(body, &info) != 0 ? info.dli_sname : nullptr;
+    int status = -1;
+    char* name = mangled ? abi::__cxa_demangle(mangled, nullptr, nullptr, &status) : nullptr;
+    const char* what = "an exception";
+    try {
+        throw;
+    } catch (const std::exception& e) {
+        what = e.what();
+    } catch (...) {
+    }
+    std::fprintf(stderr, "tsuops: kernel %s threw: %s\n", name ? name : mangled ? mangled : "(unknown)", what);
+    std::free(name);
+    std::terminate();
 }
 
 std::span<tsuemu::KernelDescriptor> catalogue() {

@@ -115,6 +115,9 @@ A load_arg(const unsigned char* p) {
     return v;
 }
 
+// Writes which kernel threw, and what, to standard error and terminates.
+[[noreturn]] void kernel_threw(const void* body) noexcept;
+
 template <auto Kernel>
 struct kernel_fn;
 
@@ -123,8 +126,16 @@ struct kernel_fn<Kernel> {
     static_assert((kernel_argument<A> && ...), "kernel arguments are pointers and plain scalars");
     static constexpr const auto& offsets = slot_offsets<A...>;
 
-    // Host entry of the descriptor: one core's call of the body.
-    static void entry(const unsigned char* args) { call(args, std::index_sequence_for<A...>{}); }
+    // Host entry of the descriptor: one core's call of the body. A body
+    // that throws ends the process, naming itself: the other cores of the
+    // grid are still running on the launch's state.
+    static void entry(const unsigned char* args) noexcept {
+        try {
+            call(args, std::index_sequence_for<A...>{});
+        } catch (...) {
+            kernel_threw(reinterpret_cast<const void*>(Kernel));
+        }
+    }
 
     // Sets every argument with its true size at its slot, stopping at the
     // first failure, then queues the descriptor.

@@ -2,9 +2,7 @@
 // the order of one stream.
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstring>
-#include <thread>
 #include <vector>
 
 #include "platform_util.h"
@@ -116,27 +114,6 @@ TEST_P(StreamOrder, EachLaunchSeesWhatTheOneBeforeWrote) {
         for (long& v : want) v = 3 * v + k;
     }
     EXPECT_TRUE(exactly_equal(want, x.download()));
-}
-
-// Sets x[0] late, so that a copy that does not wait for it reads the old value.
-void late_set_entry(const unsigned char* args) {
-    ArgReader r(args);
-    auto* x = r.next<long*>();
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    x[0] = r.next<long>();
-}
-
-TEST_P(StreamOrder, CopiesWaitForTheKernelsQueuedBeforeThem) {
-    auto ctx = device_context();
-    GuardedBuffer<long> x(ctx.get(), std::vector<long>{0});
-    long* xp = x.data();
-    long out = -1;
-    ASSERT_EQ(launch(descriptor(&late_set_entry), 1, 1, ctx->stream, xp, 7L), TSU_SUCCESS);
-    ASSERT_EQ(tsu_memcpy(&out, xp, sizeof out, TSU_MEMCPY_D2H), TSU_SUCCESS);
-    EXPECT_EQ(out, 7);
-    ASSERT_EQ(launch(descriptor(&late_set_entry), 1, 1, ctx->stream, xp, 8L), TSU_SUCCESS);
-    ASSERT_EQ(orvane::tsu::api::do_device2host(ctx.get(), xp, &out, sizeof out), 0);
-    EXPECT_EQ(out, 8);
 }
 
 INSTANTIATE_TEST_SUITE_P(SyncModes, StreamOrder, ::testing::Values(0, 1),

@@ -204,6 +204,10 @@ void set_log_echo(bool on);
 void set_trace_sink(std::function<void(const function_info&)> sink);
 
 void _log_memory(ContextStackGuard& guard, Context* ctx, memory_region& region);
+// Whether _log_memory has a use for a region without a detail record (this
+// platform: a log sink is set). When it has none, a caller may leave out the
+// region and the call; a region with a detail always goes to _log_memory.
+bool _log_memory_wanted(Context* ctx) noexcept;
 void _log_invalid_memory(Context* ctx, memory_region& region);
 void _log_compare_fail(Context* ctx, const char* file, int line, const std::string& lhs,
                        const std::string& op, const std::string& rhs);

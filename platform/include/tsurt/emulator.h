@@ -31,10 +31,24 @@ inline constexpr std::size_t kArgBlockCapacity = 4096;
 
 // Position of the calling core inside the running launch. Outside a launch
 // every accessor returns 0 for ids and 1 for counts.
-int cluster_id() noexcept;
-int cluster_count() noexcept;
-int core_id() noexcept;
-int core_count() noexcept;
+struct CorePosition {
+    int cluster = 0;
+    int clusters = 1;
+    int core = 0;
+    int cores = 1;
+};
+
+namespace detail {
+// Set by the runtime before each core's call of a kernel. Kernels read it
+// once or more per core, so it is a plain load (the runtime's libraries are
+// loaded with the program, where the initial-exec model holds).
+extern thread_local constinit CorePosition running_core __attribute__((tls_model("initial-exec")));
+}  // namespace detail
+
+inline int cluster_id() noexcept { return detail::running_core.cluster; }
+inline int cluster_count() noexcept { return detail::running_core.clusters; }
+inline int core_id() noexcept { return detail::running_core.core; }
+inline int core_count() noexcept { return detail::running_core.cores; }
 
 // Flat index and count over the whole grid: cluster-major.
 inline int global_core_id() noexcept { return cluster_id() * core_count() + core_id(); }
@@ -61,7 +75,8 @@ void clear_failures();
 // Used by the platform at each site: true (and *code set) if this call fails.
 bool consume_failure(Site site, int* code) noexcept;
 
-// Runs launches inside tsu_launch_async instead of on the stream's worker.
+// Runs each launch to its end inside tsu_launch_async, in the stream's
+// order and accounting (a wait on the stream from another thread covers it).
 // The default comes from TSUEMU_SYNC=1; the override is for tests.
 void set_sync_override(int mode);  // -1 environment, 0 off, 1 on
 bool sync_mode() noexcept;

@@ -29,7 +29,8 @@ int tsu_launch_argument_set(const void* value, size_t bytes, size_t offset);
 int tsu_launch_async(const void* descriptor);
 // Synchronous copy, ordered after all queued device work.
 int tsu_memcpy(void* dst, const void* src, size_t bytes, int kind);
-// Blocks until the stream (null: the default stream) has drained.
+// Blocks until the stream (null: the default stream) has run everything
+// queued before the call; the calling thread may run queued launches itself.
 int tsu_wait(void* stream);
 
 // Global memory of device type 2 or 3. Zero bytes, other device types or an

@@ -1,6 +1,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include <tsuapi/tsuapi.h>
 #include <tsurt/emulator.h>
@@ -52,6 +53,25 @@ void BufferMgr::restore(void* /*stream*/) {
 }
 
 // ---- Context ----------------------------------------------------------------------
+namespace {
+
+// Gives back what a context holds; the destructor's work, and the unwinding
+// of a constructor that failed halfway.
+void release(Context& c) noexcept {
+    if (c.stream != nullptr) {
+        tsu_wait(c.stream);
+        tsu_stream_destroy(c.stream);
+        c.stream = nullptr;
+    }
+    if (c.impl == nullptr) return;
+    if (c.impl->gm_block) tsu_free(c.impl->gm_block);
+    if (c.impl->l3_block) tsuemu::l3_free(c.impl->l3_block);
+    delete c.impl;
+    c.impl = nullptr;
+}
+
+}  // namespace
+
 Context::Context(DeviceType type, const ContextOptions& opts)
     : impl(new ContextImpl()),
       dev_type(static_cast<std::uint32_t>(type)),
@@ -61,35 +81,37 @@ Context::Context(DeviceType type, const ContextOptions& opts)
       ncluster(opts.ncluster),
       max_ptr_size(opts.max_ptr_size) {
     if (dev_type == 0) return;
-    if (tsu_stream_create(&stream) != TSU_SUCCESS) stream = nullptr;
-    const int arena = arena_type(dev_type);
-    if (arena < 0) return;
-    if (opts.gm_pool_bytes > 0) {
-        void* p = nullptr;
-        if (tsu_malloc(&p, opts.gm_pool_bytes, arena) == TSU_SUCCESS) {
-            impl->gm_block = p;
-            gm_mgr.reset(p, opts.gm_pool_bytes);
+    // A constructor that throws runs no destructor: unwind by hand.
+    try {
+        // The runtime fails a stream only for want of memory or a thread.
+        if (tsu_stream_create(&stream) != TSU_SUCCESS) {
+            stream = nullptr;
+            throw std::bad_alloc();
         }
-    }
-    if (opts.l3_pool_bytes > 0) {
-        void* p = tsuemu::l3_alloc(static_cast<int>(dev_type), opts.l3_pool_bytes);
-        if (p != nullptr) {
-            impl->l3_block = p;
-            l3_mgr.reset(p, opts.l3_pool_bytes);
-            l3_size = opts.l3_pool_bytes;
+        const int arena = arena_type(dev_type);
+        if (arena < 0) return;
+        if (opts.gm_pool_bytes > 0) {
+            void* p = nullptr;
+            if (tsu_malloc(&p, opts.gm_pool_bytes, arena) == TSU_SUCCESS) {
+                impl->gm_block = p;
+                gm_mgr.reset(p, opts.gm_pool_bytes);
+            }
         }
+        if (opts.l3_pool_bytes > 0) {
+            void* p = tsuemu::l3_alloc(static_cast<int>(dev_type), opts.l3_pool_bytes);
+            if (p != nullptr) {
+                impl->l3_block = p;
+                l3_mgr.reset(p, opts.l3_pool_bytes);
+                l3_size = opts.l3_pool_bytes;
+            }
+        }
+    } catch (...) {
+        release(*this);
+        throw;
     }
 }
 
-Context::~Context() {
-    if (stream != nullptr) {
-        tsu_wait(stream);
-        tsu_stream_destroy(stream);
-    }
-    if (impl->gm_block) tsu_free(impl->gm_block);
-    if (impl->l3_block) tsuemu::l3_free(impl->l3_block);
-    delete impl;
-}
+Context::~Context() { release(*this); }
 
 // ---- ContextStackGuard ----------------------------------------------------------
 ContextStackGuard::ContextStackGuard(Context* ctx, std::string tag) : ctx_(ctx), tag_(std::move(tag)) {

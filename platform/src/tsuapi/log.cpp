@@ -1,3 +1,4 @@
+#include <atomic>
 #include <cinttypes>
 #include <cstdio>
 #include <memory>
@@ -43,12 +44,19 @@ std::string hex(const void* p) {
     return buf;
 }
 
-// Writes the line and hands the record to the sink.
-void emit(LogRecord rec, const std::string& line, bool echo_line = true) {
+// Set while a log sink is installed, so that a call with nothing to echo
+// learns without the lock that nobody wants its record.
+std::atomic<bool> g_has_log_sink{false};
+
+// Writes the line and hands the record to the sink. `line` formats the text
+// of the echo, and runs only when it is written.
+template <class Line>
+void emit(LogRecord rec, Line&& line, bool echo_line = true) {
     if (echo_line && g_echo.load(std::memory_order_relaxed)) {
         std::fprintf(stderr, "tsuapi: %s at %s: %s\n", rec.kind.c_str(),
-                     short_file_path(rec.file.c_str(), rec.line).c_str(), line.c_str());
+                     short_file_path(rec.file.c_str(), rec.line).c_str(), line().c_str());
     }
+    if (!g_has_log_sink.load(std::memory_order_acquire)) return;
     std::shared_ptr<const LogSink> sink;
     {
         std::lock_guard<std::mutex> lk(g_sink_mu);
@@ -82,6 +90,7 @@ void set_log_sink(std::function<void(const LogRecord&)> sink) {
     std::shared_ptr<const LogSink> next;
     if (sink) next = std::make_shared<const LogSink>(std::move(sink));
     std::lock_guard<std::mutex> lk(g_sink_mu);
+    g_has_log_sink.store(next != nullptr, std::memory_order_release);
     g_log_sink = std::move(next);
 }
 
@@ -94,31 +103,34 @@ void set_trace_sink(std::function<void(const function_info&)> sink) {
 
 void set_log_echo(bool on) { g_echo.store(on); }
 
-void _log_memory(ContextStackGuard& /*guard*/, Context* /*ctx*/, memory_region& region) {
-    LogRecord rec{"memory", "", 0, region_fields(region)};
-    split_position(region, rec);
+bool _log_memory_wanted(Context* /*ctx*/) noexcept { return g_has_log_sink.load(std::memory_order_acquire); }
+
+void _log_memory(ContextStackGuard& /*guard*/, Context* ctx, memory_region& region) {
     if (region.detail) ++region.detail->log_sequence;
     // A valid region is news only when the call is being traced.
-    const bool echo = region.detail != nullptr;
-    emit(std::move(rec), "region " + join(region_fields(region), " "), echo);
+    const bool echo = region.detail != nullptr && g_echo.load(std::memory_order_relaxed);
+    if (!echo && !_log_memory_wanted(ctx)) return;
+    LogRecord rec{"memory", "", 0, region_fields(region)};
+    split_position(region, rec);
+    emit(std::move(rec), [&] { return "region " + join(region_fields(region), " "); }, echo);
 }
 
 void _log_invalid_memory(Context* /*ctx*/, memory_region& region) {
     LogRecord rec{"invalid_memory", "", 0, region_fields(region)};
     split_position(region, rec);
-    emit(std::move(rec), "invalid region " + join(region_fields(region), " "));
+    emit(std::move(rec), [&] { return "invalid region " + join(region_fields(region), " "); });
 }
 
 void _log_compare_fail(Context* /*ctx*/, const char* file, int line, const std::string& lhs,
                        const std::string& op, const std::string& rhs) {
     emit(LogRecord{"compare_fail", file ? file : "", line, {lhs, op, rhs}},
-         "check failed: " + lhs + " " + op + " " + rhs);
+         [&] { return "check failed: " + lhs + " " + op + " " + rhs; });
 }
 
 void _log_invalid_shape(Context* /*ctx*/, const char* file, int line, const std::vector<long>& shape) {
     std::vector<std::string> f;
     for (long d : shape) f.push_back(std::to_string(d));
-    emit(LogRecord{"invalid_shape", file ? file : "", line, f}, "invalid shape " + dims_text(shape));
+    emit(LogRecord{"invalid_shape", file ? file : "", line, f}, [&] { return "invalid shape " + dims_text(shape); });
 }
 
 void _log_invalid_shape(Context* ctx, const char* file, int line, const std::initializer_list<long>& dims) {
@@ -127,12 +139,12 @@ void _log_invalid_shape(Context* ctx, const char* file, int line, const std::ini
 
 void _log_unimplement(Context* ctx, const char* file, int line) {
     const std::string dev = ctx ? std::to_string(ctx->dev_type) : std::string("?");
-    emit(LogRecord{"unimplement", file ? file : "", line, {dev}}, "no path for device type " + dev);
+    emit(LogRecord{"unimplement", file ? file : "", line, {dev}}, [&] { return "no path for device type " + dev; });
 }
 
 void _log_kernel_fail(Context* /*ctx*/, const char* file, int line, int code) {
     emit(LogRecord{"kernel_fail", file ? file : "", line, {std::to_string(code)}},
-         "kernel launch failed with code " + std::to_string(code));
+         [&] { return "kernel launch failed with code " + std::to_string(code); });
 }
 
 std::string short_file_path(const char* file, int line) {

@@ -35,7 +35,7 @@ struct ParallelJob {
     std::exception_ptr error;
 };
 
-void run_chunk(void* state, int p) {
+void run_chunk(void* state, int p) noexcept {
     auto& job = *static_cast<ParallelJob*>(state);
     if (p >= job.chunks) return;
     const long n = job.end - job.begin;
@@ -78,7 +78,7 @@ void invoke_parallel(long begin, long end, long grain, const std::function<void(
         return;
     }
     ParallelJob job{begin, end, chunks, &f, {}, nullptr};
-    pool().run(&run_chunk, &job);
+    pool().run(&run_chunk, &job, static_cast<int>(chunks));
     if (job.error) std::rethrow_exception(job.error);
 }
 

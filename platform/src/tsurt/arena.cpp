@@ -2,6 +2,9 @@
 
 #include <sys/mman.h>
 
+#include <iterator>
+#include <new>
+
 #include <tsurt/emulator.h>
 #include <tsurt/tsurt.h>
 
@@ -26,8 +29,13 @@ bool Arena::reserve_locked() noexcept {
     void* got = mmap(want, size_, PROT_READ | PROT_WRITE,
                      MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED_NOREPLACE, -1, 0);
     if (got == want) {
+        try {
+            free_.emplace(0, size_);
+        } catch (const std::bad_alloc&) {
+            munmap(got, size_);  // untried still: a later call tries again
+            return false;
+        }
         state_ = 1;
-        free_.emplace(0, size_);
     } else {
         // Older kernels take the address as a hint only.
         if (got != MAP_FAILED) munmap(got, size_);
@@ -41,6 +49,8 @@ bool Arena::available() noexcept {
     return reserve_locked();
 }
 
+// The bookkeeping allocates; where that fails both maps stay as they were
+// and the call fails as an exhausted arena does.
 void* Arena::allocate(std::uint64_t bytes) noexcept {
     if (bytes == 0 || bytes > size_) return nullptr;
     const std::uint64_t need = round_up(bytes, kAlign);
@@ -50,9 +60,18 @@ void* Arena::allocate(std::uint64_t bytes) noexcept {
         if (it->second < need) continue;
         const std::uint64_t off = it->first;
         const std::uint64_t rest = it->second - need;
+        try {
+            used_.emplace(off, need);
+            try {
+                if (rest > 0) free_.emplace_hint(std::next(it), off + need, rest);
+            } catch (...) {
+                used_.erase(off);
+                throw;
+            }
+        } catch (const std::bad_alloc&) {
+            return nullptr;
+        }
         free_.erase(it);
-        if (rest > 0) free_.emplace(off + need, rest);
-        used_.emplace(off, need);
         return reinterpret_cast<void*>(base_ + off);
     }
     return nullptr;
@@ -64,41 +83,56 @@ bool Arena::release(void* ptr) noexcept {
     std::lock_guard<std::mutex> lk(mu_);
     auto u = used_.find(off);
     if (u == used_.end()) return false;
-    std::uint64_t start = off;
-    std::uint64_t len = u->second;
+    const std::uint64_t len = u->second;
+    auto next = free_.lower_bound(off);
+    const bool join_next = next != free_.end() && off + len == next->first;
+    auto prev = next == free_.begin() ? free_.end() : std::prev(next);
+    const bool join_prev = prev != free_.end() && prev->first + prev->second == off;
+    if (join_prev) {
+        prev->second += len + (join_next ? next->second : 0);
+        if (join_next) free_.erase(next);
+    } else {
+        // Only a new free entry allocates; the block stays in use if it fails.
+        try {
+            free_.emplace_hint(next, off, len + (join_next ? next->second : 0));
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+        if (join_next) free_.erase(next);
+    }
     used_.erase(u);
     if (len >= kTrimBytes) madvise(ptr, len, MADV_DONTNEED);
-    auto next = free_.lower_bound(start);
-    if (next != free_.end() && start + len == next->first) {
-        len += next->second;
-        next = free_.erase(next);
-    }
-    if (next != free_.begin()) {
-        auto prev = std::prev(next);
-        if (prev->first + prev->second == start) {
-            start = prev->first;
-            len += prev->second;
-            free_.erase(prev);
-        }
-    }
-    free_.emplace(start, len);
     return true;
 }
 
-// Leaked on purpose: device memory outlives static destruction.
+namespace {
+
+struct Arenas {
+    Arena gm3{tsuemu::kGm3Base, tsuemu::kGm3Size};
+    Arena gm2{tsuemu::kGm2Base, tsuemu::kGm2Size};
+    Arena l3_3{tsuemu::kL3Tsu3Base, tsuemu::kL3Tsu3Size};
+    Arena l3_2{tsuemu::kL3Tsu2Base, tsuemu::kL3Tsu2Size};
+};
+
+// Built in static storage and never destroyed: device memory outlives static
+// destruction, and the first use, inside noexcept calls, allocates nothing.
+Arenas& arenas() noexcept {
+    alignas(Arenas) static unsigned char storage[sizeof(Arenas)];
+    static Arenas* a = ::new (static_cast<void*>(storage)) Arenas();
+    return *a;
+}
+
+}  // namespace
+
 Arena* gm_arena(int dev_type) noexcept {
-    static Arena* gm3 = new Arena(tsuemu::kGm3Base, tsuemu::kGm3Size);
-    static Arena* gm2 = new Arena(tsuemu::kGm2Base, tsuemu::kGm2Size);
-    if (dev_type == 3) return gm3;
-    if (dev_type == 2) return gm2;
+    if (dev_type == 3) return &arenas().gm3;
+    if (dev_type == 2) return &arenas().gm2;
     return nullptr;
 }
 
 Arena* l3_arena(int dev_type) noexcept {
-    static Arena* l3_3 = new Arena(tsuemu::kL3Tsu3Base, tsuemu::kL3Tsu3Size);
-    static Arena* l3_2 = new Arena(tsuemu::kL3Tsu2Base, tsuemu::kL3Tsu2Size);
-    if (dev_type == 3 || dev_type == 4 || dev_type == 5) return l3_3;
-    if (dev_type == 2) return l3_2;
+    if (dev_type == 3 || dev_type == 4 || dev_type == 5) return &arenas().l3_3;
+    if (dev_type == 2) return &arenas().l3_2;
     return nullptr;
 }
 
