@@ -8,8 +8,8 @@
 //                                            kMaxPairsWithoutStatistic pairs.
 //   infer_moe_ffn_pre_sorted_split_m<T, TI>, _split_m_large
 //                                            gather with the block statistic:
-//                                            rows cut into pieces across the
-//                                            cores, or whole tokens per core.
+//                                            pairs split across the cores, or
+//                                            whole tokens per core.
 //   moe_ffn_pre_sorted_quant_pe<T, TI>, _split_m, _split_m_large
 //                                            the same, each row quantised
 //                                            against its expert's maximum.
@@ -46,8 +46,12 @@ inline constexpr long kMaxPairsWithoutStatistic = 16128;
 inline constexpr long kPreFusionBlocks = 12;
 inline constexpr long kPreFusionExpertLimit = 1024;
 
-// Fewer rows than cores are cut into pieces of at least this many elements,
-// so that a decode step still spreads over the grid.
+// A gathering core takes at least this many row elements per step of the
+// counts that it makes first, which cost the same whatever its share.
+inline constexpr long kRowsPerCount = 8;
+
+// A combine cuts fewer rows than cores into pieces of at least this many
+// elements, so that a decode step still spreads over the grid.
 inline constexpr long kMinRowPiece = 1024;
 
 // How rows of d elements are cut: `count` pieces of `len` elements (a whole

@@ -6,8 +6,10 @@
 // rest of its block), or, without a statistic, from one scan of the table
 // before its share. It then walks its share in flat order, taking slots from
 // its own cursors, so every row of y has exactly one writer and no atomics
-// are needed. Rows are copied or quantised whole, or in pieces when there
-// are fewer pairs than cores.
+// are needed. Rows are copied or quantised whole. Those counts cost every
+// core the same whatever its share, so a core takes at least
+// kRowsPerCount row elements per step of its counts: a small gather runs on
+// fewer cores rather than paying for the counts on all of them.
 #include <algorithm>
 #include <cstring>
 #include <type_traits>
@@ -67,21 +69,34 @@ void count_from_table(placement<N>& pl, const TI* index, long pairs, long e, lon
     }
 }
 
+// The blocks before the one that holds p0 count for the core's cursors and
+// for the totals, the others for the totals only; then the rest of p0's own
+// block before p0.
 template <long N, typename TI>
 void count_from_statistic(placement<N>& pl, const TI* index, const TI* stat, long m, long k, long e, long block_num,
                           long p0) {
     const long b0 = p0 / k < m ? mi::block_of_token(p0 / k, block_num, m) : block_num;
-    for (long b = 0; b < block_num; ++b) {
-        const TI* row = stat + b * e;
-        for (long ex = 0; ex < e; ++ex) pl.total[ex] += row[ex];
-        if (b < b0) {
-            for (long ex = 0; ex < e; ++ex) pl.next[ex] += row[ex];
-        }
+    for (long b = 0; b < b0; ++b) {
+        for (long ex = 0; ex < e; ++ex) pl.next[ex] += stat[b * e + ex];
+    }
+    std::copy(pl.next, pl.next + e, pl.total);
+    for (long b = b0; b < block_num; ++b) {
+        for (long ex = 0; ex < e; ++ex) pl.total[ex] += stat[b * e + ex];
     }
     if (b0 == block_num) return;
     for (long p = mi::token_block(b0, block_num, m).begin * k; p < p0; ++p) {
         if (mi::is_expert(index[p], e)) ++pl.next[index[p]];
     }
+}
+
+// This core's share of `units` units of `unit_elems` row elements each: an
+// even split, but at least kRowsPerCount elements per step of the counts.
+range flow_share(long units, long unit_elems, long count_steps) {
+    const long cores = tsuemu::global_core_count();
+    const long least = (kRowsPerCount * count_steps + unit_elems - 1) / std::max(unit_elems, 1L);
+    const long per_core = std::max({(units + cores - 1) / cores, least, 1L});
+    const long begin = std::min(units, tsuemu::global_core_id() * per_core);
+    return {begin, std::min(units, begin + per_core)};
 }
 
 // What every gather shares: the sizes, the arrays of counts and offsets, and
@@ -97,23 +112,25 @@ struct gather_args {
 };
 
 // Counts, offsets (written by the first core) and this core's walk: for each
-// of its pairs place(p, expert, slot, c0, c1) with the slot (-1 for an expert
-// out of range) and the columns of the row that are its share, c0 == 0 for
-// the core that owns the pair's index entry.
+// of its pairs place(p, expert, slot) with the slot, -1 for an expert out of
+// range. whole_tokens: shares of whole tokens, so that each token row is
+// read by one core; else of pairs.
 template <long N, typename TI, typename Place>
 void gather(const gather_args<TI>& a, bool whole_tokens, Place place) {
     if (a.e < 0 || a.e > N || a.k < 1 || a.m < 1) return;
     const long pairs = a.m * a.k;
-    const row_pieces cut = whole_tokens ? row_pieces{1, a.d} : cut_rows(pairs, a.d);
-    const range share = whole_tokens ? core_share(pairs, a.k) : core_share(pairs * cut.count);
+    const bool by_statistic = a.stat != nullptr && a.block_num >= 1;
+    const long steps = by_statistic ? (a.block_num + 1) * a.e : pairs;
+    range share = whole_tokens ? flow_share(a.m, a.k * a.d, steps) : flow_share(pairs, a.d, steps);
+    if (whole_tokens) share = {share.begin * a.k, share.end * a.k};
     const bool writes_counts = tsuemu::global_core_id() == 0;
     if (share.begin == share.end && !writes_counts) return;
 
     placement<N> pl;
     std::fill(pl.total, pl.total + a.e, 0L);
     std::fill(pl.next, pl.next + a.e, 0L);
-    const long p0 = share.begin / cut.count;
-    if (a.stat != nullptr && a.block_num >= 1) {
+    const long p0 = share.begin;
+    if (by_statistic) {
         count_from_statistic(pl, a.index, a.stat, a.m, a.k, a.e, a.block_num, p0);
     } else {
         count_from_table(pl, a.index, pairs, a.e, p0);
@@ -135,32 +152,27 @@ void gather(const gather_args<TI>& a, bool whole_tokens, Place place) {
         if (!a.last_is_sum) a.lod[a.e] = static_cast<TI>(static_cast<unsigned>(a.k) * static_cast<unsigned>(a.m));
     }
 
-    for (long it = share.begin; it < share.end;) {
-        const long p = it / cut.count;
-        const long first = it - p * cut.count;
-        const long last = std::min(cut.count, first + (share.end - it));
+    for (long p = share.begin; p < share.end; ++p) {
         const TI ex = a.index[p];
-        const long slot = mi::is_expert(ex, a.e) ? pl.next[ex]++ : -1;
-        place(p, static_cast<long>(ex), slot, cut.begin(first, a.d), cut.begin(last, a.d));
-        it += last - first;
+        place(p, static_cast<long>(ex), mi::is_expert(ex, a.e) ? pl.next[ex]++ : -1L);
     }
 }
 
-// The scatter-form entry of a pair, written once; an inconsistent statistic
-// may name slots past the rows, which get no row.
+// The scatter-form entry of a pair; an inconsistent statistic may name
+// slots past the rows, which get no row.
 template <typename TI>
-bool scatter_entry(TI* moe_index, long p, long slot, long c0, long pairs, bool stray_is_marked) {
-    if (c0 == 0 && (slot >= 0 || stray_is_marked)) moe_index[p] = static_cast<TI>(slot);
+bool scatter_entry(TI* moe_index, long p, long slot, long pairs, bool stray_is_marked) {
+    if (slot >= 0 || stray_is_marked) moe_index[p] = static_cast<TI>(slot);
     return slot >= 0 && slot < pairs;
 }
 
 template <typename T, typename TI>
 void copy_gather(const gather_args<TI>& a, bool whole_tokens, const T* x, T* y, TI* moe_index) {
     const long pairs = a.m * a.k;
-    gather<kMaxFlowExperts>(a, whole_tokens, [&](long p, long, long slot, long c0, long c1) {
-        if (!scatter_entry(moe_index, p, slot, c0, pairs, false) || x == nullptr || y == nullptr || c0 == c1) return;
-        std::memcpy(static_cast<void*>(y + slot * a.d + c0), static_cast<const void*>(x + p / a.k * a.d + c0),
-                    static_cast<std::size_t>(c1 - c0) * sizeof(T));
+    gather<kMaxFlowExperts>(a, whole_tokens, [&](long p, long, long slot) {
+        if (!scatter_entry(moe_index, p, slot, pairs, false) || x == nullptr || y == nullptr) return;
+        std::memcpy(static_cast<void*>(y + slot * a.d), static_cast<const void*>(x + p / a.k * a.d),
+                    static_cast<std::size_t>(a.d) * sizeof(T));
     });
 }
 
@@ -168,9 +180,10 @@ template <typename T, typename TI>
 void quant_gather(const gather_args<TI>& a, bool whole_tokens, const T* x, const float* pe_max, signed char* y,
                   TI* moe_index) {
     const long pairs = a.m * a.k;
-    gather<kMaxFlowExperts>(a, whole_tokens, [&](long p, long ex, long slot, long c0, long c1) {
-        if (!scatter_entry(moe_index, p, slot, c0, pairs, true) || c0 == c1) return;
-        quantise_row(x + p / a.k * a.d + c0, y + slot * a.d + c0, c1 - c0, pe_max[ex]);
+    gather<kMaxFlowExperts>(a, whole_tokens, [&](long p, long ex, long slot) {
+        if (scatter_entry(moe_index, p, slot, pairs, true)) {
+            quantise_row(x + p / a.k * a.d, y + slot * a.d, a.d, pe_max[ex]);
+        }
     });
 }
 
@@ -258,7 +271,7 @@ void infer_moe_ffn_pre_fusion_split_m(const TI* index, const TI* block_statistic
     const long pairs = m * k;
     mk::gather<mk::kPreFusionExpertLimit, TI>({index, block_statistic, nullptr, expert_offset_m, m, 0, n, k, block_num,
                                                true},
-                                              true, [&](long p, long, long slot, long, long) {
+                                              true, [&](long p, long, long slot) {
                                                   if (slot >= 0 && slot < pairs) moe_index[slot] = static_cast<TI>(p);
                                               });
 }

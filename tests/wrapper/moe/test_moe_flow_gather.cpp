@@ -44,8 +44,9 @@ struct GatherShape {
 };
 
 // One below, at and one above every limit and threshold (pairs with k 1 and
-// with k 4), decode shapes whose rows are cut into pieces, blocks beyond the
-// tokens, the nullable arrays left out, and expert numbers out of range.
+// with k 4), decode shapes, rows long enough to spread over many cores,
+// blocks beyond the tokens, the nullable arrays left out, and expert numbers
+// out of range.
 std::vector<GatherShape> gather_shapes() {
     std::vector<GatherShape> s;
     for (long dd : {-1, 0, 1}) {
@@ -58,8 +59,9 @@ std::vector<GatherShape> gather_shapes() {
     s.push_back({flow::kLargeSplitPairs / 4, 5, 32, 4, 12, false});
     s.push_back({flow::kMaxPairsWithoutStatistic / 4, 2, 256, 4, 0});
     s.push_back({flow::kMaxPairsWithoutStatistic / 4 + 1, 2, 256, 4, 0});
-    s.push_back({1, 2 * tsuops::kernels::moe::kMinRowPiece + 37, 8, 8, 0});
-    s.push_back({2, 3 * tsuops::kernels::moe::kMinRowPiece, 256, 8, 4});
+    s.push_back({1, 4000, 8, 8, 0});
+    s.push_back({2, 3000, 256, 8, 4});
+    s.push_back({300, 64, 16, 4, 0});
     s.push_back({3, 7, 4, 2, 7, true, false, false});
     s.push_back({6, 33, 1, 3, 0, false, true, false, 5});
     s.push_back({40, 17, 6, 3, 3, false, false, true, 9, 11});
