@@ -37,10 +37,12 @@ TSUOPS_COMBINE_CLONES void mul_add_double(const float* __restrict row, float w, 
     }
 }
 
-// row = row * w, then acc = acc + row: two float steps.
-TSUOPS_COMBINE_CLONES void mul_then_add(float* __restrict row, float w, float* __restrict acc, long n) {
-    for (long i = 0; i < n; ++i) row[i] = row[i] * w;
-    for (long i = 0; i < n; ++i) acc[i] = acc[i] + row[i];
+// acc = acc + row * w: two float steps, the product rounded first.
+TSUOPS_COMBINE_CLONES void mul_then_add(const float* __restrict row, float w, float* __restrict acc, long n) {
+    for (long i = 0; i < n; ++i) {
+        const float product = row[i] * w;
+        acc[i] = acc[i] + product;
+    }
 }
 
 TSUOPS_COMBINE_CLONES void scale(float* __restrict v, float w, long n) {
@@ -52,10 +54,30 @@ TSUOPS_COMBINE_CLONES void add_into(const float* __restrict a, float* __restrict
     for (long i = 0; i < n; ++i) b[i] = a[i] + b[i];
 }
 
+inline float bf16_widen(bfloat16 v) { return std::bit_cast<float>(static_cast<std::uint32_t>(v.x) << 16); }
+
 // v rounded to bfloat16 by (bits + 0x8000) >> 16, whatever the mode and with
 // no case for NaN, and widened again.
-TSUOPS_COMBINE_CLONES void bf16_round_trip(float* __restrict v, long n) {
-    for (long i = 0; i < n; ++i) v[i] = std::bit_cast<float>((std::bit_cast<std::uint32_t>(v[i]) + 0x8000u) & 0xffff0000u);
+inline float bf16_round(float v) {
+    return std::bit_cast<float>((std::bit_cast<std::uint32_t>(v) + 0x8000u) & 0xffff0000u);
+}
+
+// The bfloat16 form's steps, each one pass over the row: the first expert a
+// rounded product, every other one a double step onto the rounded sum.
+TSUOPS_COMBINE_CLONES void bf16_first(const bfloat16* __restrict x, float w, float* __restrict acc, long n) {
+    for (long i = 0; i < n; ++i) acc[i] = bf16_round(bf16_widen(x[i]) * w);
+}
+
+TSUOPS_COMBINE_CLONES void bf16_next(const bfloat16* __restrict x, float w, float* __restrict acc, long n) {
+    for (long i = 0; i < n; ++i) {
+        const double product = static_cast<double>(bf16_widen(x[i])) * static_cast<double>(w);
+        acc[i] = bf16_round(static_cast<float>(product + static_cast<double>(acc[i])));
+    }
+}
+
+// acc holds bfloat16 values: their upper halves are the result.
+TSUOPS_COMBINE_CLONES void bf16_store(const float* __restrict acc, bfloat16* __restrict y, long n) {
+    for (long i = 0; i < n; ++i) y[i].x = static_cast<std::uint16_t>(std::bit_cast<std::uint32_t>(acc[i]) >> 16);
 }
 
 template <typename T>
@@ -116,19 +138,13 @@ void combine_chunk(const token_pairs<T, TI, TF, TS>& tp, long k, long c, T* y, l
         for (long j = 0; j < k; ++j) {
             const bfloat16* r = tp.row(j, c, &w);
             if (r == nullptr) continue;
-            widen_row(r, row, n);
             if (j == 0) {
-                scale(row, w, n);
-                std::memcpy(acc, row, static_cast<std::size_t>(n) * sizeof(float));
+                bf16_first(r, w, acc, n);
             } else {
-                mul_add_double(row, w, acc, n);
+                bf16_next(r, w, acc, n);
             }
-            bf16_round_trip(acc, n);
         }
-        // acc holds bfloat16 values: their upper halves are the result.
-        for (long i = 0; i < n; ++i) {
-            y[i] = bfloat16::from_bits(static_cast<std::uint16_t>(std::bit_cast<std::uint32_t>(acc[i]) >> 16));
-        }
+        bf16_store(acc, y, n);
     } else if constexpr (std::is_same_v<TS, float>) {
         for (long j = 0; j < k; ++j) {
             const float16* r = tp.row(j, c, &w);
