@@ -91,8 +91,18 @@ std::vector<int> slots(long pairs, std::uint64_t seed) {
     return v;
 }
 
+// Subnormals of T itself (from bits: the float16 narrowing would flush
+// them), large enough that a weight above 1 makes them normal; float: a
+// tiny normal value.
+template <class T>
+T subnormal(long c) {
+    const auto bits = static_cast<std::uint16_t>((c % 2 ? 0x8000 : 0) | 0x0200 | (c * 37 % 0x1ff));
+    if constexpr (std::is_same_v<T, float>) return std::ldexp(static_cast<float>(c % 64) - 32, -120);
+    else return T::from_bits(std::is_same_v<T, bfloat16> ? static_cast<std::uint16_t>(bits >> 3 | (bits & 0x8000)) : bits);
+}
+
 // Expert rows: random; a large common offset with small differences; a
-// constant row; values that underflow in the half types; and in the slot of
+// constant row; subnormals; and in the slot of
 // each token's first choice one NaN, in its second one infinity (never two
 // NaN in one sum, whose sign would be the hardware's choice), except in the
 // tokens that cancel().
@@ -103,7 +113,7 @@ std::vector<T> slot_rows(const std::vector<int>& moe_index, long m, long d, long
         for (long c = 0; c < d; ++c) {
             if (s % 5 == 1) v[s * d + c] = T(1024.0f + static_cast<float>(c % 9) / 16);
             if (s % 5 == 2) v[s * d + c] = T(-0.3125f);
-            if (s % 5 == 3) v[s * d + c] = T(static_cast<float>(c % 3) * 3e-6f - 0.0f);
+            if (s % 5 == 3) v[s * d + c] = subnormal<T>(c);
         }
     }
     for (long t = 0; t < m && d > 1; ++t) {
