@@ -91,12 +91,13 @@ struct Gathered {
                        : infer_ops::moe_ffn_pre_sorted<T, int>(ctx, s.rows ? x.data() : nullptr, index.data(), st,
                                                               s.rows ? y.data() : nullptr, moe_index.data(), counts,
                                                               lod.data(), s.m, s.d, s.e, s.k, s.block_num);
-        for (const auto& r : launches.records()) {
+        const auto records = launches.records();
+        for (const auto& r : records) {
             kernels.push_back(kernel_family(r.kernel));
             EXPECT_TRUE(r.ncores == 64 && r.nclusters == (kernels.back() == "gen_block_statistic" ? s.block_num : kClusters));
         }
-        if (!launches.records().empty() && !quant) {
-            const auto& r = launches.records().back();
+        if (!records.empty() && !quant) {
+            const auto& r = records.back();
             const std::size_t sizes = s.block_num >= 1 ? 56 : 48;
             EXPECT_EQ((std::vector<long>{LaunchCapture::arg<long>(r, sizes), LaunchCapture::arg<long>(r, sizes + 8),
                                          LaunchCapture::arg<long>(r, sizes + 16), LaunchCapture::arg<long>(r, sizes + 24)}),
