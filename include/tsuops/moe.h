@@ -87,4 +87,68 @@ template <typename T>
 int check_moe_index(Context* ctx, const T* index, long rows, long cols, const char* func_name,
                     const char* array_name);
 
+
+// ---- the token flow: gathering into expert order and combining back --------------------
+
+// Copies token row t of x ([m, d]) to the slot of each of its pairs in y
+// ([m * k, d]), the slots in the order above, and gives the scatter form
+// moe_index, the counts expert_m (may be null) and the offsets
+// sorted_tokens_num_lod, whose last entry is m * k (a 32-bit product) rather
+// than the sum of the counts. Pairs whose expert lies outside [0, e) get no
+// slot and keep their moe_index entry. x and y may both be null: only the
+// index arrays are made. block_statistic ([block_num, e], as the routers
+// give it) may be null; with block_num above 0 the device then makes it in
+// scratch. The device path takes k at most 64, e at most 256 and, with
+// block_num below 1, m * k at most 16128; beyond those, and on any failure
+// of a device step, status 2. With INFER_OPS_DEBUG on, moe_index is checked
+// after the device run. Device types other than 0, 2 and 3: nothing done, 0.
+// T: float, float16, bfloat16; TI: int.
+template <typename T, typename TI>
+int moe_ffn_pre_sorted(Context* ctx, const T* x, const TI* index, const TI* block_statistic, T* y, TI* moe_index,
+                       TI* expert_m, TI* sorted_tokens_num_lod, long m, long d, long e, long k, long block_num);
+
+// As moe_ffn_pre_sorted, with every row quantised to signed char by rule
+// Q8 against the scale float pe_max[e] of its expert, token_max_out[slot]
+// (may be null) = that scale float. y has y_rows rows (m * k when y_rows is
+// below 1) and must hold a row for every pair routed to an expert in
+// [0, e); rows past the pairs are not written. Pairs outside [0, e) get
+// moe_index -1; the offsets end with the sum of the counts.
+template <typename T, typename TI>
+int moe_ffn_pre_sorted_quant_pe(Context* ctx, const T* x, const TI* index, const float* pe_max,
+                                const TI* block_statistic, signed char* y, TI* moe_index, TI* expert_m,
+                                TI* sorted_tokens_num_lod, float* token_max_out, long m, long d, long e, long k,
+                                long block_num, long y_rows);
+
+// The gather form moe_index and the offsets expert_offset_m (n + 1) of a
+// routing table of m tokens with k choices over n experts, equal to those
+// of moe_sorted_topk_idx. block_num must be 12 and block_statistic hold its
+// 12 * n entries (the device reads it); n below 1024, k at most n, m and k
+// above 0. Pairs outside [0, n) get no slot. With INFER_OPS_DEBUG on,
+// moe_index is checked after the device run.
+template <typename TI>
+int moe_ffn_pre_fusion(Context* ctx, const TI* index, const TI* block_statistic, TI* moe_index, TI* expert_offset_m,
+                       long m, long n, long k, long block_num);
+
+// Row t of y ([m, d]) = the sum over j of the slot rows x[moe_index[t * k +
+// j]] (x is [m * k, d] in slot order, moe_index the scatter form) times the
+// weight normed_score[t * k + j] * dequant_score[slot] (the factor follows
+// the slot; 1 when dequant_score is null). Where the sum is rounded depends
+// on the types: float sums in double steps rounded to float; (float16,
+// float) in float; (float16, float16) in float16 after every step, the
+// weight included; bfloat16 in bfloat16 after every expert. On the device,
+// moe_index is checked first while INFER_OPS_DEBUG is on; every device
+// failure is status 2. Device types other than 0, 2 and 3: nothing done, 0.
+// (T, TS): (float16, float16), (float16, float), (bfloat16, bfloat16),
+// (bfloat16, float), (float, float); TI int, TF float.
+template <typename T, typename TI, typename TF, typename TS>
+int moe_ffn_post_fusion(Context* ctx, const T* x, const TI* moe_index, const TS* normed_score,
+                        const TF* dequant_score, T* y, long m, long d, long k);
+
+// Row t of y ([m, d]) = the sum of the k rows of token t in x ([m, k, d]),
+// rounded to T after every addition; with k 1 a copy. Every device failure
+// is status 2. Device types other than 0, 2 and 3: nothing done, 0.
+// T: float, float16, bfloat16.
+template <typename T>
+int moe_sum(Context* ctx, const T* x, T* y, long m, long d, long k);
+
 }  // namespace infer_ops

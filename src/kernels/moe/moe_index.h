@@ -61,6 +61,15 @@ inline span token_block(long b, long block_num, long m) {
     return {begin, begin + base + (b < rest ? 1 : 0)};
 }
 
+// The block of block_num over m tokens that holds token t (t < m): the
+// inverse of token_block.
+inline long block_of_token(long t, long block_num, long m) {
+    const long base = m / block_num;
+    const long rest = m % block_num;
+    const long long_tokens = rest * (base + 1);
+    return t < long_tokens ? t / (base + 1) : rest + (t - long_tokens) / base;
+}
+
 // An expert number that names an expert of n.
 template <typename T>
 inline bool is_expert(T e, long n) {
