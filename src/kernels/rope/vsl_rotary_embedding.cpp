@@ -21,6 +21,8 @@ namespace {
 namespace rot = infer_ops::rope;
 namespace cl = infer_ops::cache;
 
+static_assert(kOptMaxHeadDim <= kSpan, "an opt kernel rotates its heads in one pass");
+
 // One core's view of a launch, its sizes widened to long.
 template <typename T, typename TR>
 struct launch_args {

@@ -17,6 +17,7 @@
 
 #include "frame/quant_rules.h"
 #include "support/tsuops_test.h"
+#include "wrapper/cache/cache_test.h"
 #include "wrapper/rope/vsl_model.h"
 
 namespace front_end_test {
@@ -86,22 +87,8 @@ struct Shape {
 // Which scale tensors a call passes.
 enum class Scales { none, per_head, per_channel, per_channel_no_zero, per_channel_key_zero };
 
-template <class T>
-std::vector<unsigned char> raw(const std::vector<T>& v) {
-    std::vector<unsigned char> out(v.size() * sizeof(T));
-    if (!v.empty()) std::memcpy(out.data(), v.data(), out.size());
-    return out;
-}
-
-// n elements of random bytes: NaN payloads and all.
-template <class T>
-std::vector<T> random_bytes(long n, std::uint64_t seed) {
-    std::vector<T> out(static_cast<std::size_t>(n));
-    std::mt19937_64 rng(seed);
-    auto* p = reinterpret_cast<unsigned char*>(out.data());
-    for (std::size_t i = 0; i < out.size() * sizeof(T); ++i) p[i] = static_cast<unsigned char>(rng());
-    return out;
-}
+using cache_test::random_bytes;
+using cache_test::raw;
 
 // qkv rows of a few units with every kind of special value, or, by flavour,
 // a large common offset or constant rows.

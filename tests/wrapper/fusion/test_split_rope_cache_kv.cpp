@@ -617,7 +617,6 @@ TEST(FrontEndFailure, DecoderStatusLogAndNothingWritten) {
     expect_faults(call, {
         {"too many sequences", dev, with([=](Args& a) { a.batch = max_batch + 1; }), 1, "compare_fail", {"1025", "<=", "1024"}},
         {"no sequences", cpu, with([](Args& a) { a.batch = 0; }), 1, "compare_fail", {"0", ">", "0"}},
-        {"no table rows", dev, with([](Args& a) { a.rope_max_seqlen = 0; }), 1, "compare_fail", {"0", ">", "0"}},
         {"key heads below -1", cpu, with([](Args& a) { a.kv_heads = -2; }), 1, "compare_fail", {"-2", ">", "0"}},
         {"lengths of another batch", dev, with([](Args& a) { a.lens = {1}; }), 1, "compare_fail", {"1", "==", "2"}},
         {"a length without its new token", cpu, with([](Args& a) { a.lens = {1, 0}; }), 1, "compare_fail", {"0", ">=", "1"}},
@@ -678,7 +677,6 @@ TEST(FrontEndFailure, EncoderStatusLogAndNothingWritten) {
         {"start tokens of another batch", cpu, with([](Args& a) { a.starts = {1}; }), 1, "compare_fail", {"1", "==", "2"}},
         {"a negative start", dev, with([](Args& a) { a.starts = {-1, 0}; }), 1, "compare_fail", {"-1", ">=", "0"}},
         {"null k_emb", dev, with([](Args& a) { a.p[kKEmb] = kNull; }), 1, "invalid_memory", {}},
-        {"null k_cache", cpu, with([](Args& a) { a.p[kKCache] = kNull; }), 1, "invalid_memory", {}},
         {"a block of the new tokens missing, checked", dev,
          with([](Args& a) { a.max_blocks_per_seq = 2, a.starts = {15, 0}, a.table = {0, 2, 1, -1}; }), 1,
          "compare_fail", {"-1", ">=", "0"}, std::nullopt, true},
@@ -695,7 +693,6 @@ TEST(FrontEndFailure, EncoderStatusLogAndNothingWritten) {
         {"a sequence longer than the table", cpu, with([](Args& a) { a.rope_max_seqlen = 1; }), 1, "compare_fail",
          {"2", "<=", "1"}},
         {"BHLD is refused", dev, with([](Args& a) { a.layout = "BHLD"; }), 1, "compare_fail", {"BHLD", "==", "BLHD"}},
-        {"another cache layout", cpu, with([](Args& a) { a.cache_layout = "HDL"; }), 1, "compare_fail", {"HDL", "==", "HLD"}},
         {"no tokens and heads not whole units: the heads first", dev,
          with([](Args& a) { a.lod = {0, 0, 0}, a.head_dim = 96; }), 1, "compare_fail", {"32", "==", "0"}},
         {"bad style and a key row past its limit: the style first", dev,
@@ -706,32 +703,6 @@ TEST(FrontEndFailure, EncoderStatusLogAndNothingWritten) {
         {"the launch fails", dev, with([](Args&) {}), 2, "kernel_fail", {"7"}, tsuemu::Site::Async},
         {"device type 4 has no path", DeviceType::TSU4, with([](Args&) {}), 4, "unimplement", {}},
         {"no context", wrapper_test::kNoContext, with([](Args&) {}), 1, nullptr, {}}});
-}
-
-// Without a reference path a host context is refused after the checks.
-TEST(FrontEndFailure, FormsWithoutAHostPath) {
-    Args a;
-    auto host = host_context();
-    std::vector<GuardedBuffer<float>> b;
-    for (int i = 0; i < kPtrs; ++i) b.emplace_back(host.get(), std::vector<float>(1 << 14, 0.5f));
-    b[kBlockTable].upload(std::vector<float>(1 << 14, 0.0f));
-    for (int i = 0; i < kPtrs; ++i) a.p[i] = b[i].data();
-    LogCapture logs;
-    EXPECT_EQ((infer_ops::split_rope_cache_kv_decoder<bfloat16, float16, bfloat16, float, int>(
-                  host.get(), at<bfloat16>(a, kQkv), at<float16>(a, kTable), at<int>(a, kBlockTable),
-                  at<bfloat16>(a, kQEmb), at<bfloat16>(a, kKEmb), at<bfloat16>(a, kVOut), at<bfloat16>(a, kKCache),
-                  at<bfloat16>(a, kVCache), VectorParam<int>{a.lens.data(), 2}, VectorParam<int>{a.rows.data(), 2}, 2,
-                  1, 4, 2, 1, 64, 2, 16, 1, "BLHD", "HLD", "NORMAL", nullptr, nullptr, nullptr, nullptr, false)),
-              infer_ops::STATUS_UNIMPLEMENTED);
-    EXPECT_EQ((infer_ops::split_rope_cache_kv_encoder<bfloat16, bfloat16, signed char, int, bfloat16>(
-                  host.get(), at<bfloat16>(a, kQkv), at<bfloat16>(a, kTable), at<int>(a, kBlockTable),
-                  at<bfloat16>(a, kQEmb), at<bfloat16>(a, kKEmb), at<bfloat16>(a, kVOut), at<signed char>(a, kKCache),
-                  at<signed char>(a, kVCache), VectorParam<int>{a.lod.data(), 3}, VectorParam<int>{a.rows.data(), 2},
-                  VectorParam<int>{}, 2, 1, 4, 2, 1, 64, 2, 16, 1, "BLHD", "HLD", "NORMAL", at<float>(a, kKInv),
-                  at<float>(a, kVInv), nullptr, nullptr, nullptr, nullptr)),
-              infer_ops::STATUS_UNIMPLEMENTED);
-    EXPECT_EQ(logs.count("unimplement"), 2u);
-    EXPECT_EQ(logs.failures().size(), 2u);
 }
 
 TEST(FrontEndFrame, TracesNamesAndTypesAndCarriesEveryInstance) {
