@@ -8,6 +8,7 @@
 #include <tsuops/catalogue.h>
 #include <tsuops/cpu_ops.h>
 #include <tsuops/float16.h>
+#include <tsuops/fusion.h>
 #include <tsuops/moe.h>
 #include <tsuops/norm.h>
 #include <tsuops/quant.h>

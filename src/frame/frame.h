@@ -170,6 +170,20 @@ int check(Context* ctx, const L& lhs, Rel rel, const R& rhs, where at = where::c
     return STATUS_INVALID_ARGUMENT;
 }
 
+// Compare check of a word argument (a layout, a table style) that must be
+// one of `words`: on failure the log reads the text given, "==", and the
+// words joined by " or ".
+inline int check_word(Context* ctx, const std::string& text, std::initializer_list<const char*> words,
+                      where at = where::current()) {
+    std::string expected;
+    for (const char* w : words) {
+        if (text == w) return SUCCESS;
+        expected += (expected.empty() ? "" : " or ") + std::string(w);
+    }
+    api::_log_compare_fail(ctx, at.file_name(), static_cast<int>(at.line()), text, "==", expected);
+    return STATUS_INVALID_ARGUMENT;
+}
+
 // Pointer check: status 1 on arguments, 3 on scratch.
 template <typename T>
 int check_ptr(Context* ctx, T* p, int status = STATUS_INVALID_ARGUMENT, where at = where::current()) {

@@ -96,6 +96,24 @@ struct PagedCache {
     constexpr long elements(long num_blocks) const { return num_blocks * hs.heads * block_size * hs.dim; }
 };
 
+// A paged "HLD" cache of 4-bit values, two a byte; offsets are in bytes.
+// Keys pair along the head: byte i of row (block, h, off) holds element 2i
+// in its low four bits and 2i + 1 in its high four bits. Values pair along
+// the sequence: byte d of the pair row of positions (off & ~1, off | 1) holds
+// element d of the even position low, of the odd position high.
+struct PagedInt4Cache {
+    HeadShape hs;
+    long block_size;
+
+    constexpr long key_row(PagedPosition p, long h) const {
+        return ((p.block * hs.heads + h) * block_size + p.off) * (hs.dim / 2);
+    }
+    constexpr long value_row(PagedPosition p, long h) const {
+        return ((p.block * hs.heads + h) * block_size / 2 + p.off / 2) * hs.dim;
+    }
+    constexpr long bytes(long num_blocks) const { return num_blocks * hs.heads * block_size * hs.dim / 2; }
+};
+
 // The slot-major cache [max_slots, H, max_seq_len, D]: "BHLD" over whole
 // sequences, one slot per sequence.
 struct SlotMajorCache {

@@ -25,6 +25,7 @@
 #include <tsuops/float16.h>
 
 #include "frame/convert.h"
+#include "frame/quant_rules.h"
 
 namespace infer_ops::cache {
 
@@ -116,6 +117,50 @@ inline void store_truncated_span(const float* __restrict x, signed char* __restr
         for (long k = 0; k < kStoreBlock; ++k) q[i + k] = store_truncated(x[i + k]);
     }
     for (; i < n; ++i) q[i] = store_truncated(x[i]);
+}
+
+// ---- per-channel caches with zero points -------------------------------------------------------
+// The caches of the fused front ends that hold one multiplier m and one
+// optional zero point z per channel (element of a head):
+//
+//   signed char:  rne(clamp(x * m + z, -127, 127))
+//   4-bit:        rne(clamp(x * m + z, -8, 7))
+//
+// rne rounds to nearest with ties to even; the product and the sum are two
+// float roundings (includers compile with floating contraction off). The
+// clamp is max then min as above, so a NaN lands on the lower bound; the
+// range of the 8-bit form is symmetric. Rounding after the clamp gives what
+// rounding before it gives, since the bounds are whole numbers.
+inline constexpr float kChannelInt8Max = 127.0f;
+inline constexpr float kChannelInt4Min = -8.0f;
+inline constexpr float kChannelInt4Max = 7.0f;
+
+inline int clamp_round(float v, float lo, float hi) {
+    v = select(v > lo, v, lo);
+    v = select(v < hi, v, hi);
+    return quant::round_half_even(v);
+}
+
+inline signed char store_channel_int8(float x, float m, float z) {
+    return static_cast<signed char>(clamp_round(x * m + z, -kChannelInt8Max, kChannelInt8Max));
+}
+
+inline int store_channel_int4(float x, float m, float z) {
+    return clamp_round(x * m + z, kChannelInt4Min, kChannelInt4Max);
+}
+
+// The 4-bit form in float16 steps (the values of the prefill store): the
+// product, then the sum with the zero point, each rounded to float16 by the
+// float16 mode before the clamp. x, m and z are float16 values.
+inline int store_channel_int4_half(float x, float m, float z) {
+    const float t = static_cast<float>(float16(x * m));
+    const float u = static_cast<float>(float16(z + t));
+    return clamp_round(u, kChannelInt4Min, kChannelInt4Max);
+}
+
+// Two 4-bit values in one byte: lo in the low four bits, hi in the high.
+inline std::uint8_t pack_int4(int lo, int hi) {
+    return static_cast<std::uint8_t>((static_cast<unsigned>(hi) << 4) | (static_cast<unsigned>(lo) & 15u));
 }
 
 }  // namespace infer_ops::cache
