@@ -11,6 +11,7 @@
 #include <tsuops/norm.h>
 #include <tsuops/quant.h>
 #include <tsuops/rope.h>
+#include <tsuops/sampler.h>
 #include <tsuops/types.h>
 #include <tsuops/vector_param.h>
 #include <tsuops/version.h>
