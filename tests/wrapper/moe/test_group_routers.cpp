@@ -346,6 +346,40 @@ TEST(GroupRouterKernel, SigmoidIsTheHostsToTheBit) {
     EXPECT_TRUE(exactly_equal(want, got));
 }
 
+// The profile name, the type strings and the scalar entries of the dump, in
+// the documented order.
+TEST(GroupRouterFrame, TracesNameTypesAndArguments) {
+    struct Case {
+        Op op;
+        Shape s;
+        const char* name;
+        std::size_t count, first;
+        std::vector<std::string> scalars;
+    };
+    auto dev = device_context({.ncluster = kClusters, .debug_flags = 1});
+    for (const Case& c : {Case{Op::group_topk, {2, 8, 4, 2, 3, 1}, "moe_group_topk_fusion", 11, 3,
+                               {"2", "8", "4", "2", "3", "1"}},
+                          Case{Op::sigmoid, {2, 8, 4, 2, 3, 1}, "moe_sigmoid_group_topk_norm_fusion", 13, 4,
+                               {"1.5", "2", "8", "4", "2", "3", "1"}},
+                          Case{Op::singlek, {2, 8, 4, 1, 0, 1}, "moe_softmax_group_singlek_norm", 10, 3,
+                               {"2", "8", "4", "1", "1"}}}) {
+        SCOPED_TRACE(c.name);
+        TraceCapture traces;
+        LogCapture quiet;  // a traced call logs its regions
+        Call<RouterTypes<float16, bfloat16, long>> call(dev.get(), c.op, c.s, std::vector<float16>(16, float16(0.5f)),
+                                                        std::vector<float>(8, 0.0f));
+        TSUOPS_RETURN_IF_SKIPPED();
+        ASSERT_EQ(call.status, 0);
+        ASSERT_EQ(traces.size(), 1u);
+        const function_info info = traces.records()[0];
+        EXPECT_EQ(info.name, c.name);
+        EXPECT_EQ(info.dtypes, (std::vector<std::string>{"float16", "bfloat16", "int64_t"}));
+        ASSERT_EQ(info.params.size(), c.count);
+        EXPECT_EQ(std::vector<std::string>(info.params.begin() + c.first, info.params.begin() + c.first + c.scalars.size()),
+                  c.scalars);
+    }
+}
+
 TEST(GroupRouterKernel, CatalogueHoldsEveryInstanceOfTheFamilies) {
     std::map<std::string, int> families;
     for (const auto& k : infer_ops::kernel_catalogue()) families[k.family] += k.engine == 0 ? 1 : 100;

@@ -232,6 +232,30 @@ TYPED_TEST(RenormProbs, NamedRowsGiveTheDocumentedResult) {
         false);
 }
 
+// The profile name, the type strings and the scalar entries of the dump.
+TEST(RenormProbsFrame, TracesNameTypesAndArguments) {
+    auto dev = emulated_device();
+    dev->debug_flags = 1;
+    GuardedBuffer<bfloat16> x(dev.get(), std::vector<bfloat16>(6, bfloat16(0.25f))), y(dev.get(), 6);
+    TSUOPS_RETURN_IF_SKIPPED();
+    TraceCapture traces;
+    LogCapture quiet;  // a traced call logs its regions
+    ASSERT_EQ((infer_ops::top_k_renorm_probs<bfloat16, int>(dev.get(), x.data(), y.data(), 2, 3, 2, nullptr)), 0);
+    ASSERT_EQ(infer_ops::top_p_renorm_probs<bfloat16>(dev.get(), x.data(), y.data(), nullptr, 0.5f, 2, 3), 0);
+    const auto t = traces.records();
+    ASSERT_EQ(t.size(), 2u);
+    EXPECT_EQ(t[0].name, "top_k_renorm_probs");
+    EXPECT_EQ(t[0].dtypes, (std::vector<std::string>{"bfloat16", "int"}));
+    ASSERT_EQ(t[0].params.size(), 7u);
+    EXPECT_EQ(std::vector<std::string>(t[0].params.begin() + 2, t[0].params.begin() + 6),
+              (std::vector<std::string>{"2", "3", "2", "\"NULL\""}));
+    EXPECT_EQ(t[1].name, "top_p_renorm_probs");
+    EXPECT_EQ(t[1].dtypes, std::vector<std::string>{"bfloat16"});
+    ASSERT_EQ(t[1].params.size(), 7u);
+    EXPECT_EQ(std::vector<std::string>(t[1].params.begin() + 2, t[1].params.begin() + 6),
+              (std::vector<std::string>{"\"NULL\"", "0.5", "2", "3"}));
+}
+
 using wrapper_test::as;
 constexpr auto cpu = DeviceType::CPU, dev = DeviceType::TSU3;
 

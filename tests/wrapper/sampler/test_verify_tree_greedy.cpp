@@ -198,6 +198,26 @@ TYPED_TEST(VerifyTreeGreedy, RandomForestsAtTheLimitsOnBothPaths) {
     }
 }
 
+// The profile name, the type strings and the three sizes after the eight
+// pointers.
+TEST(VerifyTreeGreedyFrame, TracesNameTypesAndArguments) {
+    auto dev = device_context({.debug_flags = 1});
+    Forest f = empty_forest(2, 3, 4);
+    add_tree(f, 0, {0, 0}, {0, 1});
+    add_tree(f, 1, {0, 0}, {0, 1});
+    TraceCapture traces;
+    LogCapture quiet;  // a traced call logs its regions
+    run<long>(dev.get(), f);
+    TSUOPS_RETURN_IF_SKIPPED();
+    ASSERT_EQ(traces.size(), 1u);
+    const function_info info = traces.records()[0];
+    EXPECT_EQ(info.name, "verify_tree_greedy");
+    EXPECT_EQ(info.dtypes, (std::vector<std::string>{"int", "int64_t"}));
+    ASSERT_EQ(info.params.size(), 12u);
+    EXPECT_EQ(std::vector<std::string>(info.params.begin() + 8, info.params.begin() + 11),
+              (std::vector<std::string>{"2", "3", "4"}));
+}
+
 TEST(RenormAndVerifyCatalogue, HoldsEveryInstanceOfTheFamilies) {
     std::map<std::string, int> families;
     for (const auto& k : infer_ops::kernel_catalogue()) families[k.family] += k.engine == 0 ? 1 : 100;
