@@ -34,11 +34,11 @@ using infer_ops::moe_index::span;
 struct row_state {
     float v[kMaxExperts];             // the widened input, or its sigmoid
     float b[kMaxExperts];             // the sigmoid plus bias, or the group's exponentials
-    float weight[kMaxExperts];        // the renormalised weight of each choice
+    float weight[kMaxExperts];        // the softmax value of each group's winner
     std::uint32_t key[kMaxExperts];   // score key of each expert
     std::uint32_t ckey[kMaxExperts];  // score key of each candidate
     std::uint64_t all[kMaxExperts];   // every key of a stage that selects many
-    std::uint64_t best[kMaxExperts];  // the selected keys of a stage that selects few
+    std::uint64_t best[kInsertionTopk];  // the selected keys of a stage that selects few
     long chosen[kMaxExperts];         // the group at each rank; the winner of each group
     long experts[kMaxExperts];        // the experts chosen
 };
