@@ -151,4 +151,47 @@ int moe_ffn_post_fusion(Context* ctx, const T* x, const TI* moe_index, const TS*
 template <typename T>
 int moe_sum(Context* ctx, const T* x, T* y, long m, long d, long k);
 
+// ---- group routers ----------------------------------------------------------------------
+// The n experts split into group_num groups of gs = n / group_num
+// consecutive experts. Every stage orders by the routers' rule: a higher
+// key first, and equal keys in the order the list was built (lower group
+// first, lower expert first). TX, TY: float, float16, bfloat16 each; TID:
+// int, long. On the device a failed launch returns the runtime's own code,
+// unlogged, except where said.
+
+// Per token: the groups ranked by their greatest input, the group_topk best
+// groups' experts ranked by their input, the first k taken; score is the
+// chosen inputs converted once from TX to TY. group_num and group_topk both
+// 0: the plain top-k of the row. score and topk_index are [m, k];
+// block_statistic [block_num, n] with block_num above 0. Refused with status
+// 1: on the host a grouped call whose n is not a multiple of group_num; on
+// either path a grouped call with group_num below 1, group_topk above
+// group_num or fewer than k candidates (group_topk * gs), and k above n
+// without groups; on the device a row of more than 1024 experts.
+template <typename TX, typename TY, typename TID>
+int moe_group_topk_fusion(Context* ctx, const TX* x, TY* score, TID* topk_index, int* block_statistic, long m, long n,
+                          long group_num, long group_topk, long k, long block_num);
+
+// Per token: s = sigmoid(x), selection on s + bias (bias of n floats):
+// groups ranked by the sum of their two best keys, then as above. The
+// weights ignore the bias: s of each chosen expert times scale / (1e-7 +
+// the sum of the chosen s). n at most 1024, group_topk at most group_num, k
+// at most n; also group_num above 0, groups of at least 2 experts and at
+// least k candidates.
+template <typename TX, typename TY, typename TID>
+int moe_sigmoid_topk_norm_fusion(Context* ctx, const TX* x, float* bias, float scale, TY* norm_score,
+                                 TID* topk_index, int* block_statistic, long m, long n, long group_num,
+                                 long group_topk, long k, long block_num);
+
+// Per token and group: the first greatest input of the group, weighted by
+// its softmax inside the group; the group_num weights renormalised to sum
+// to 1. Then shared_num shared experts n, n + 1, ... with weight 1.0. Rows
+// of norm_score and topk_index have group_num + shared_num entries, rows
+// of block_statistic n + shared_num. n at most 1024, group_num in [1, n],
+// shared_num at least 0; on the host n a multiple of group_num. A failed
+// launch is logged, status 2.
+template <typename TX, typename TY, typename TID>
+int moe_softmax_group_singlek_norm(Context* ctx, const TX* x, TY* norm_score, TID* topk_index, int* block_statistic,
+                                   long m, long n, long group_num, long shared_num, long block_num);
+
 }  // namespace infer_ops

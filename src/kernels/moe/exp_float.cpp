@@ -106,3 +106,51 @@ __attribute__((target_clones("avx2", "default"))) void exp_to_float(float* v, lo
 }
 
 }  // namespace tsuops::kernels::moe
+
+namespace tsuops::kernels::moe {
+
+namespace {
+
+// The logistic function through the same exponential: e = exp(-x) within
+// 2^-50 of the library's value, then t = e + 1 and q = 1 / t rounded in
+// double as the host rounds them. Each step keeps q within 2^-48 of the
+// host's q, a few units of its last place, so that the float of q is the
+// host's unless q lies within kMargin of a halfway pattern; such a chunk,
+// and every argument beyond kSigmoidReach, goes to the library.
+constexpr double kSigmoidReach = 80.0;
+
+inline float library_sigmoid(float x) {
+    return static_cast<float>(1.0 / (std::exp(-static_cast<double>(x)) + 1.0));
+}
+
+}  // namespace
+
+__attribute__((target_clones("avx2", "default"))) void sigmoid_to_float(float* v, long n) {
+    const f64x4 reach = splat(kSigmoidReach);
+    const i64x4 near_below = splat_int(kHalfway - kMargin), near_above = splat_int(kHalfway + kMargin);
+    for (long i = 0; i < n; i += kChunk) {
+        const long len = n - i < kChunk ? n - i : kChunk;
+        alignas(32) float in[kChunk] = {};
+        alignas(32) float out[kChunk];
+        std::memcpy(in, v + i, static_cast<std::size_t>(len) * sizeof(float));
+        i64x4 slow = splat_int(0);
+        for (long g = 0; g < kChunk; g += 4) {
+            f32x4 d;
+            std::memcpy(&d, in + g, sizeof d);
+            f64x4 x = -__builtin_convertvector(d, f64x4);
+            const i64x4 in_range = (x >= -reach) & (x <= reach);
+            x = in_range ? x : splat(0.0);
+            const f64x4 q = 1.0 / (approx4(x) + 1.0);
+            const i64x4 dropped = std::bit_cast<i64x4>(q) & static_cast<std::int64_t>(kDropped);
+            slow |= ~in_range | ((dropped >= near_below) & (dropped <= near_above));
+            const f32x4 f = __builtin_convertvector(q, f32x4);
+            std::memcpy(out + g, &f, sizeof f);
+        }
+        if ((slow[0] | slow[1] | slow[2] | slow[3]) != 0) {
+            for (long j = 0; j < len; ++j) out[j] = library_sigmoid(in[j]);
+        }
+        std::memcpy(v + i, out, static_cast<std::size_t>(len) * sizeof(float));
+    }
+}
+
+}  // namespace tsuops::kernels::moe

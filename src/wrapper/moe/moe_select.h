@@ -51,4 +51,30 @@ constexpr ResortKernel resort_kernel(long count) {
     return ResortKernel::long_count;
 }
 
+// moe_group_topk_fusion: no groups at all (group_num and group_topk both
+// 0) is the plain top-k of the input; anything else the grouped kernel.
+enum class GroupTopkKernel { plain, grouped };
+
+struct GroupTopkCandidate {
+    bool (*fits)(long group_num, long group_topk);
+    GroupTopkKernel kernel;
+};
+
+inline constexpr GroupTopkCandidate kGroupTopkTable[] = {
+    {[](long group_num, long group_topk) { return group_num == 0 && group_topk == 0; }, GroupTopkKernel::plain},
+    {[](long, long) { return true; }, GroupTopkKernel::grouped},
+};
+
+constexpr GroupTopkKernel group_topk_kernel(long group_num, long group_topk) {
+    for (const GroupTopkCandidate& c : kGroupTopkTable) {
+        if (c.fits(group_num, group_topk)) return c.kernel;
+    }
+    return GroupTopkKernel::grouped;
+}
+
+// The group routers' kernels hold one row of experts on chip: a row of at
+// most this many experts. moe_group_topk_fusion, which has no limit of its
+// own, refuses longer rows on the device.
+inline constexpr long kGroupKernelExperts = kMaxRouterExperts;
+
 }  // namespace infer_ops::moe_select

@@ -49,4 +49,34 @@ inline std::vector<int> routing_table(long m, long k, long n, std::uint64_t seed
     return u;
 }
 
+// The 18 instantiations of a router: TX and TY over float, float16 and
+// bfloat16, TID over int and long.
+template <class X, class Y, class I>
+struct RouterTypes {
+    using TX = X;
+    using TY = Y;
+    using TID = I;
+};
+using RouterInstances = ::testing::Types<
+    RouterTypes<float, float, int>, RouterTypes<float, float, long>, RouterTypes<float, float16, int>,
+    RouterTypes<float, float16, long>, RouterTypes<float, bfloat16, int>, RouterTypes<float, bfloat16, long>,
+    RouterTypes<float16, float, int>, RouterTypes<float16, float, long>, RouterTypes<float16, float16, int>,
+    RouterTypes<float16, float16, long>, RouterTypes<float16, bfloat16, int>, RouterTypes<float16, bfloat16, long>,
+    RouterTypes<bfloat16, float, int>, RouterTypes<bfloat16, float, long>, RouterTypes<bfloat16, float16, int>,
+    RouterTypes<bfloat16, float16, long>, RouterTypes<bfloat16, bfloat16, int>, RouterTypes<bfloat16, bfloat16, long>>;
+struct RouterInstanceNames {
+    template <class R>
+    static std::string GetName(int) {
+        return std::string(type_name<typename R::TX>()) + "_" + type_name<typename R::TY>() + "_" +
+               type_name<typename R::TID>();
+    }
+};
+
+// The kernel name as the launch observer spells it, up to the parameters.
+template <class R>
+std::string router_kernel(const std::string& family) {
+    return "tsu3::" + family + "<" + spelled<typename R::TX>() + ", " + spelled<typename R::TY>() + ", " +
+           spelled<typename R::TID>() + ">(";
+}
+
 }  // namespace moe_test
