@@ -12,15 +12,17 @@ execute_process(COMMAND ${DEMO} --tokens 3,17 --decode-steps 2 --seed 7 --trace 
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "the demo exited with ${rc}:\n${out}\n${err}")
 endif()
-if(NOT out MATCHES "\nverdict: PASS: [0-9]+ operator calls, ([0-9]+) launches")
+if(NOT out MATCHES "\nverdict: PASS: ([0-9]+) operator calls, ([0-9]+) launches")
   message(FATAL_ERROR "no passing verdict:\n${out}")
 endif()
-set(verdict_launches ${CMAKE_MATCH_1})
+set(calls ${CMAKE_MATCH_1})
+set(verdict_launches ${CMAKE_MATCH_2})
 if(NOT out MATCHES "\ndevice launches: ([0-9]+)\n")
   message(FATAL_ERROR "no launch count:\n${out}")
 endif()
 set(launches ${CMAKE_MATCH_1})
-if(launches LESS 1 OR NOT launches EQUAL verdict_launches)
+# Every operator of the layer launches at least one kernel per call.
+if(launches LESS calls OR NOT launches EQUAL verdict_launches)
   message(FATAL_ERROR "launch counts ${launches} and ${verdict_launches} in:\n${out}")
 endif()
 if(NOT out MATCHES "runs synchronously")
@@ -48,6 +50,34 @@ foreach(i RANGE ${last})
     message(FATAL_ERROR "event ${i} is not a launch of a listed operator: ${name} ${ph} ${ts} ${dur} ${grid} ${op}")
   endif()
 endforeach()
+
+# The same run on one thread draws the same tokens: nothing the demo or the
+# library computes depends on how the work is split.
+string(REGEX MATCH "\nsampled tokens[^\n]*\n(  sequence [^\n]*\n)+" tokens "${out}")
+execute_process(COMMAND ${DEMO} --tokens 3,17 --decode-steps 2 --seed 7 --threads 1
+  RESULT_VARIABLE rc OUTPUT_VARIABLE one ERROR_VARIABLE err)
+string(REGEX MATCH "\nsampled tokens[^\n]*\n(  sequence [^\n]*\n)+" one_tokens "${one}")
+if(NOT rc EQUAL 0 OR tokens STREQUAL "" OR NOT tokens STREQUAL one_tokens)
+  message(FATAL_ERROR "one thread (status ${rc}) drew${one_tokens}where two drew${tokens}")
+endif()
+
+# The demo's own checks, through LAYER_DEMO_FAULT: a flipped bit where the
+# documentation allows none fails the run and names the element; one ulp
+# where swiglu's documentation allows it passes and says so; a failed launch
+# stops the run.
+function(expect_fault fault want_rc want)
+  execute_process(COMMAND ${CMAKE_COMMAND} -E env LAYER_DEMO_FAULT=${fault} ${DEMO} --tokens 3,17 --decode-steps 1
+    RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL want_rc OR NOT out MATCHES "${want}")
+    message(FATAL_ERROR "LAYER_DEMO_FAULT=${fault} gave status ${rc}:\n${out}\n${err}")
+  endif()
+endfunction()
+expect_fault(rms_layer_norm:flip 1
+  "\nMISMATCH rms_layer_norm \\(prefill, call 1\\): h differs in 1 of 20480 elements \\(largest 1 ulp\\); first at 0: .*\nverdict: FAIL: 1 of 18 operator calls")
+expect_fault(swiglu:flip 0
+  "\nprefill +swiglu +1 +1 [^\n]* within 1 ulp \\(allowed\\)\n.*\nverdict: PASS: [^\n]* within what")
+expect_fault(moe_ffn_pre_sorted:launch 1
+  "\nverdict: FAIL: moe_ffn_pre_sorted \\(prefill\\) returned status 2 on the device")
 
 # Each refused command line names a trace file that must not appear.
 set(refused
