@@ -1,6 +1,7 @@
-# The layer demo at a small size: status 0, the passing verdict, and a trace
-# of valid JSON holding one complete event per launch that the demo counted;
-# then command lines that it must refuse with status 2, running nothing.
+# The layer demo at a small size: status 0, the passing verdict, a trace of
+# valid JSON holding one complete event per launch that the demo counted, and
+# the same tokens on one thread; its own checks caught out by injected faults;
+# and command lines that it must refuse with status 2, running nothing.
 #
 #   cmake -DDEMO=<layer_demo> -DWORK_DIR=<scratch directory> -P layer_demo_test.cmake
 file(REMOVE_RECURSE ${WORK_DIR})
