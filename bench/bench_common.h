@@ -145,6 +145,26 @@ inline int launch_empty(Context* ctx, void* arg) {
     return rc;
 }
 
+// Times per call in microseconds over real time: the setting of every
+// decode-shape benchmark.
+inline benchmark::internal::Benchmark* per_call(benchmark::internal::Benchmark* b) {
+    return b->UseRealTime()->Unit(benchmark::kMicrosecond)->MinTime(kMinTime);
+}
+
+// An empty launch and its wait, the floor under every per-call figure.
+inline void empty_launch_wait(benchmark::State& state) {
+    auto ctx = device_context();
+    for (auto _ : state) {
+        if (launch_empty(ctx.get(), nullptr) != TSU_SUCCESS || tsu_wait(ctx->stream) != TSU_SUCCESS) {
+            state.SkipWithError("launch failed");
+            break;
+        }
+    }
+}
+
+// Registers the empty launch under `name` beside an operator's per-call figures.
+inline void register_empty_launch(const char* name) { per_call(benchmark::RegisterBenchmark(name, empty_launch_wait)); }
+
 // Copies of at least this many bytes run a fixed, small number of iterations.
 inline constexpr long kBigCopy = 256 * kMiB;
 

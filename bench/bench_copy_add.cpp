@@ -108,19 +108,15 @@ void add_reference(benchmark::State& state, Shape s) {
     state.SetBytesProcessed(3 * tensor_bytes<T>(s) * static_cast<std::int64_t>(state.iterations()));
 }
 
-void configure(benchmark::internal::Benchmark* b) {
-    b->UseRealTime()->Unit(benchmark::kMicrosecond)->MinTime(kMinTime);
-}
-
 const bool kRegistered = [] {
     for (const Shape& s : kShapes) {
         const std::string l = "/" + std::to_string(s.tokens) + "x" + std::to_string(s.hidden);
-        configure(benchmark::RegisterBenchmark(("copy<bfloat16>/device" + l).c_str(), copy_device<bfloat16>, s));
-        configure(benchmark::RegisterBenchmark(("copy<bfloat16>/reference" + l).c_str(), copy_reference<bfloat16>, s));
-        configure(benchmark::RegisterBenchmark(("add<bfloat16>/device" + l).c_str(), add_device<bfloat16>, s));
-        configure(benchmark::RegisterBenchmark(("add<bfloat16>/reference" + l).c_str(), add_reference<bfloat16>, s));
-        configure(benchmark::RegisterBenchmark(("add<float>/device" + l).c_str(), add_device<float>, s));
-        configure(benchmark::RegisterBenchmark(("add<float>/reference" + l).c_str(), add_reference<float>, s));
+        per_call(benchmark::RegisterBenchmark(("copy<bfloat16>/device" + l).c_str(), copy_device<bfloat16>, s));
+        per_call(benchmark::RegisterBenchmark(("copy<bfloat16>/reference" + l).c_str(), copy_reference<bfloat16>, s));
+        per_call(benchmark::RegisterBenchmark(("add<bfloat16>/device" + l).c_str(), add_device<bfloat16>, s));
+        per_call(benchmark::RegisterBenchmark(("add<bfloat16>/reference" + l).c_str(), add_reference<bfloat16>, s));
+        per_call(benchmark::RegisterBenchmark(("add<float>/device" + l).c_str(), add_device<float>, s));
+        per_call(benchmark::RegisterBenchmark(("add<float>/reference" + l).c_str(), add_reference<float>, s));
     }
     return true;
 }();

@@ -191,16 +191,6 @@ void BM_front_end(benchmark::State& state, Shape s) {
     state.SetBytesProcessed(traffic(s) * static_cast<std::int64_t>(state.iterations()));
 }
 
-void empty_launch(benchmark::State& state) {
-    auto ctx = device_context();
-    for (auto _ : state) {
-        if (launch_empty(ctx.get(), nullptr) != TSU_SUCCESS || tsu_wait(ctx->stream) != TSU_SUCCESS) {
-            state.SkipWithError("launch failed");
-            break;
-        }
-    }
-}
-
 const char* path_name(Path p) {
     switch (p) {
     case Path::fused_bf16: return "fused<bfloat16>";
@@ -211,7 +201,7 @@ const char* path_name(Path p) {
 }
 
 const bool kRegistered = [] {
-    benchmark::RegisterBenchmark("empty_launch", empty_launch)->UseRealTime()->Unit(benchmark::kMicrosecond)->MinTime(kMinTime);
+    register_empty_launch("empty_launch");
     std::vector<long> baselines;
     struct Run {
         Model model;

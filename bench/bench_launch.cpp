@@ -175,21 +175,17 @@ void BM_host_constant(benchmark::State& state) {
     }
 }
 
-void configure(benchmark::internal::Benchmark* b) {
-    b->UseRealTime()->Unit(benchmark::kMicrosecond)->MinTime(kMinTime);
-}
-
 const bool kRegistered = [] {
     for (Load l : {Load::quiet, Load::busy, Load::sync}) {
         const std::string label = load_label(l);
-        configure(benchmark::RegisterBenchmark(("launch/empty_wait/" + label).c_str(), BM_empty_launch_wait, l));
-        configure(benchmark::RegisterBenchmark(("launch/decode_step/" + label).c_str(), BM_decode_step, l));
+        per_call(benchmark::RegisterBenchmark(("launch/empty_wait/" + label).c_str(), BM_empty_launch_wait, l));
+        per_call(benchmark::RegisterBenchmark(("launch/decode_step/" + label).c_str(), BM_decode_step, l));
     }
     for (long rows : kDecodeRows) {
         const std::string shape = std::to_string(rows) + "x" + std::to_string(kHidden);
-        configure(benchmark::RegisterBenchmark(("rms_layer_norm<float16,float16>/device/" + shape).c_str(),
+        per_call(benchmark::RegisterBenchmark(("rms_layer_norm<float16,float16>/device/" + shape).c_str(),
                                                BM_rms_layer_norm, rows));
-        configure(benchmark::RegisterBenchmark(("quant2d<float16>/device/" + shape).c_str(), BM_quant2d, rows));
+        per_call(benchmark::RegisterBenchmark(("quant2d<float16>/device/" + shape).c_str(), BM_quant2d, rows));
     }
     benchmark::RegisterBenchmark("constant<float>/host/4", BM_host_constant)
         ->Unit(benchmark::kNanosecond)

@@ -141,34 +141,21 @@ void flow_reference(benchmark::State& state, long tokens, long d, Experts e) {
     report(state, tokens, gather_bytes(tokens, d, e));
 }
 
-void empty_launch(benchmark::State& state) {
-    auto ctx = device_context();
-    DeviceBuffer arg(64);
-    for (auto _ : state) {
-        if (launch_empty(ctx.get(), arg.data()) != TSU_SUCCESS || tsu_wait(ctx->stream) != TSU_SUCCESS) {
-            state.SkipWithError("launch failed");
-            break;
-        }
-    }
-}
-
-void configure(benchmark::internal::Benchmark* b) { b->UseRealTime()->Unit(benchmark::kMicrosecond)->MinTime(kMinTime); }
-
 const bool kRegistered = [] {
-    configure(benchmark::RegisterBenchmark("launch/empty", empty_launch));
+    register_empty_launch("launch/empty");
     for (const Experts& e : kExperts) {
         for (long d : kWidths) {
             for (long tokens : kTokens) {
                 const std::string l = std::to_string(tokens) + "x" + std::to_string(d) + "/e" + std::to_string(e.n) +
                                       "k" + std::to_string(e.k);
-                configure(benchmark::RegisterBenchmark(("moe_ffn_pre_sorted<bfloat16>/device/" + l).c_str(),
+                per_call(benchmark::RegisterBenchmark(("moe_ffn_pre_sorted<bfloat16>/device/" + l).c_str(),
                                                        flow_device<false>, tokens, d, e));
-                configure(benchmark::RegisterBenchmark(("moe_ffn_post_fusion<bfloat16,float>/device/" + l).c_str(),
+                per_call(benchmark::RegisterBenchmark(("moe_ffn_post_fusion<bfloat16,float>/device/" + l).c_str(),
                                                        flow_device<true>, tokens, d, e));
                 if (tokens > 64) continue;
-                configure(benchmark::RegisterBenchmark(("moe_ffn_pre_sorted<bfloat16>/reference/" + l).c_str(),
+                per_call(benchmark::RegisterBenchmark(("moe_ffn_pre_sorted<bfloat16>/reference/" + l).c_str(),
                                                        flow_reference<false>, tokens, d, e));
-                configure(benchmark::RegisterBenchmark(("moe_ffn_post_fusion<bfloat16,float>/reference/" + l).c_str(),
+                per_call(benchmark::RegisterBenchmark(("moe_ffn_post_fusion<bfloat16,float>/reference/" + l).c_str(),
                                                        flow_reference<true>, tokens, d, e));
             }
         }

@@ -135,37 +135,24 @@ void index_reference(benchmark::State& state) {
     report(state, kIndexTokens, 2 * pairs * 4);
 }
 
-void empty_launch(benchmark::State& state) {
-    auto ctx = device_context();
-    DeviceBuffer arg(64);
-    for (auto _ : state) {
-        if (launch_empty(ctx.get(), arg.data()) != TSU_SUCCESS || tsu_wait(ctx->stream) != TSU_SUCCESS) {
-            state.SkipWithError("launch failed");
-            break;
-        }
-    }
-}
-
-void configure(benchmark::internal::Benchmark* b) { b->UseRealTime()->Unit(benchmark::kMicrosecond)->MinTime(kMinTime); }
-
 const bool kRegistered = [] {
-    configure(benchmark::RegisterBenchmark("launch/empty", empty_launch));
+    register_empty_launch("launch/empty");
     for (const Router& r : kRouters) {
         for (long tokens : kTokens) {
             const std::string l = std::to_string(tokens) + "x" + std::to_string(r.experts) + "/k" + std::to_string(r.k);
-            configure(benchmark::RegisterBenchmark(("moe_softmax_topk<bfloat16,float,int>/device/" + l).c_str(),
+            per_call(benchmark::RegisterBenchmark(("moe_softmax_topk<bfloat16,float,int>/device/" + l).c_str(),
                                                    router_device, tokens, r, 0L));
-            configure(benchmark::RegisterBenchmark(("moe_softmax_topk<bfloat16,float,int>/reference/" + l).c_str(),
+            per_call(benchmark::RegisterBenchmark(("moe_softmax_topk<bfloat16,float,int>/reference/" + l).c_str(),
                                                    router_reference, tokens, r));
         }
     }
     // The histogram binds whole blocks to cores: 12 blocks use 12 of them.
-    configure(benchmark::RegisterBenchmark("moe_softmax_topk<bfloat16,float,int>/device/4096x256/k8/12_blocks",
+    per_call(benchmark::RegisterBenchmark("moe_softmax_topk<bfloat16,float,int>/device/4096x256/k8/12_blocks",
                                            router_device, 4096L, Router{256, 8}, 12L));
-    configure(benchmark::RegisterBenchmark("moe_sorted_topk_idx/device/4096x8/256", index_device<false>));
-    configure(benchmark::RegisterBenchmark("moe_sorted_topk_idx/reference/4096x8/256", index_reference<false>));
-    configure(benchmark::RegisterBenchmark("moe_align_block_size/device/4096x8/256", index_device<true>));
-    configure(benchmark::RegisterBenchmark("moe_align_block_size/reference/4096x8/256", index_reference<true>));
+    per_call(benchmark::RegisterBenchmark("moe_sorted_topk_idx/device/4096x8/256", index_device<false>));
+    per_call(benchmark::RegisterBenchmark("moe_sorted_topk_idx/reference/4096x8/256", index_reference<false>));
+    per_call(benchmark::RegisterBenchmark("moe_align_block_size/device/4096x8/256", index_device<true>));
+    per_call(benchmark::RegisterBenchmark("moe_align_block_size/reference/4096x8/256", index_reference<true>));
     return true;
 }();
 

@@ -131,26 +131,22 @@ void layer_reference(benchmark::State& state, Shape s) {
 
 std::string shape_label(const Shape& s) { return std::to_string(s.tokens) + "x" + std::to_string(s.hidden); }
 
-void configure(benchmark::internal::Benchmark* b) {
-    b->UseRealTime()->Unit(benchmark::kMicrosecond)->MinTime(kMinTime);
-}
-
 const bool kRegistered = [] {
     for (const Shape& s : kRmsShapes) {
         const std::string l = shape_label(s);
-        configure(benchmark::RegisterBenchmark(("rms_layer_norm<float16,float16>/device/" + l).c_str(),
+        per_call(benchmark::RegisterBenchmark(("rms_layer_norm<float16,float16>/device/" + l).c_str(),
                                                rms_device<float16, float16>, s));
-        configure(benchmark::RegisterBenchmark(("rms_layer_norm<float16,float16>/reference/" + l).c_str(),
+        per_call(benchmark::RegisterBenchmark(("rms_layer_norm<float16,float16>/reference/" + l).c_str(),
                                                rms_reference<float16, float16>, s));
-        configure(benchmark::RegisterBenchmark(("rms_layer_norm<bfloat16,float>/device/" + l).c_str(),
+        per_call(benchmark::RegisterBenchmark(("rms_layer_norm<bfloat16,float>/device/" + l).c_str(),
                                                rms_device<bfloat16, float>, s));
-        configure(benchmark::RegisterBenchmark(("rms_layer_norm<bfloat16,float>/reference/" + l).c_str(),
+        per_call(benchmark::RegisterBenchmark(("rms_layer_norm<bfloat16,float>/reference/" + l).c_str(),
                                                rms_reference<bfloat16, float>, s));
     }
     const std::string l = shape_label(kLayerShape);
-    configure(benchmark::RegisterBenchmark(("layer_norm<float,float>/device/" + l).c_str(), layer_device<float, float>,
+    per_call(benchmark::RegisterBenchmark(("layer_norm<float,float>/device/" + l).c_str(), layer_device<float, float>,
                                            kLayerShape));
-    configure(benchmark::RegisterBenchmark(("layer_norm<float,float>/reference/" + l).c_str(),
+    per_call(benchmark::RegisterBenchmark(("layer_norm<float,float>/reference/" + l).c_str(),
                                            layer_reference<float, float>, kLayerShape));
     return true;
 }();

@@ -116,22 +116,8 @@ void rope_reference(benchmark::State& state, Shape s) {
     state.SetBytesProcessed(bytes_moved<TX, TCS, TID>(s) * static_cast<std::int64_t>(state.iterations()));
 }
 
-void empty_launch(benchmark::State& state) {
-    auto ctx = device_context();
-    for (auto _ : state) {
-        if (launch_empty(ctx.get(), nullptr) != TSU_SUCCESS || tsu_wait(ctx->stream) != TSU_SUCCESS) {
-            state.SkipWithError("launch failed");
-            break;
-        }
-    }
-}
-
 std::string label(const Shape& s) {
     return std::to_string(s.tokens) + "t/kv" + std::to_string(s.kv_heads) + "/rd" + std::to_string(s.rotary_dim);
-}
-
-void configure(benchmark::internal::Benchmark* b) {
-    b->UseRealTime()->Unit(benchmark::kMicrosecond)->MinTime(kMinTime);
 }
 
 template <class TX, class TCS, class TID>
@@ -141,10 +127,10 @@ void register_types(const std::string& types) {
             for (long rd : kRotaryDims) {
                 const Shape s{t, kv, rd};
                 const std::string name = "rotary_embedding_neox<" + types + ">/";
-                configure(benchmark::RegisterBenchmark((name + "device/" + label(s)).c_str(), rope_device<TX, TCS, TID>,
+                per_call(benchmark::RegisterBenchmark((name + "device/" + label(s)).c_str(), rope_device<TX, TCS, TID>,
                                                        s));
                 if (kv == 8 && rd == 128 && (t == 16 || t == 512)) {
-                    configure(benchmark::RegisterBenchmark((name + "reference/" + label(s)).c_str(),
+                    per_call(benchmark::RegisterBenchmark((name + "reference/" + label(s)).c_str(),
                                                            rope_reference<TX, TCS, TID>, s));
                 }
             }
@@ -153,7 +139,7 @@ void register_types(const std::string& types) {
 }
 
 const bool kRegistered = [] {
-    configure(benchmark::RegisterBenchmark("empty_launch", empty_launch));
+    register_empty_launch("empty_launch");
     register_types<bfloat16, float, int>("bfloat16,float,int");
     register_types<float16, float16, long>("float16,float16,int64_t");
     return true;

@@ -221,21 +221,8 @@ void verify_reference(benchmark::State& state) {
     report(state, kBatch, kTreeBytes);
 }
 
-void empty_launch(benchmark::State& state) {
-    auto ctx = device_context();
-    DeviceBuffer arg(64);
-    for (auto _ : state) {
-        if (launch_empty(ctx.get(), arg.data()) != TSU_SUCCESS || tsu_wait(ctx->stream) != TSU_SUCCESS) {
-            state.SkipWithError("launch failed");
-            break;
-        }
-    }
-}
-
-void configure(benchmark::internal::Benchmark* b) { b->UseRealTime()->Unit(benchmark::kMicrosecond)->MinTime(kMinTime); }
-
 const bool kRegistered = [] {
-    configure(benchmark::RegisterBenchmark("launch/empty", empty_launch));
+    register_empty_launch("launch/empty");
     const std::pair<Router, const char*> routers[] = {
         {Router::group_topk, "moe_group_topk_fusion<bfloat16,float,int>"},
         {Router::sigmoid, "moe_sigmoid_topk_norm_fusion<bfloat16,float,int>"},
@@ -243,9 +230,9 @@ const bool kRegistered = [] {
     for (const auto& [r, name] : routers) {
         for (long tokens : kTokens) {
             const std::string l = "/" + std::to_string(tokens) + "x256/8_groups";
-            configure(benchmark::RegisterBenchmark((std::string(name) + "/device" + l).c_str(), router_device, r,
+            per_call(benchmark::RegisterBenchmark((std::string(name) + "/device" + l).c_str(), router_device, r,
                                                    tokens));
-            configure(benchmark::RegisterBenchmark((std::string(name) + "/reference" + l).c_str(), router_reference,
+            per_call(benchmark::RegisterBenchmark((std::string(name) + "/reference" + l).c_str(), router_reference,
                                                    r, tokens));
         }
     }
@@ -254,17 +241,17 @@ const bool kRegistered = [] {
         for (long n : kVocab) {
             for (long m : kRows) {
                 const std::string l = "/" + std::to_string(m) + "x" + std::to_string(n);
-                configure(benchmark::RegisterBenchmark((name + "/device" + l).c_str(), renorm_device, top_k, m, n));
+                per_call(benchmark::RegisterBenchmark((name + "/device" + l).c_str(), renorm_device, top_k, m, n));
                 // The reference at 64 rows of the large vocabulary takes seconds a call.
                 if (m == 1 || n == kVocab[0]) {
-                    configure(benchmark::RegisterBenchmark((name + "/reference" + l).c_str(), renorm_reference, top_k,
+                    per_call(benchmark::RegisterBenchmark((name + "/reference" + l).c_str(), renorm_reference, top_k,
                                                            m, n));
                 }
             }
         }
     }
-    configure(benchmark::RegisterBenchmark("verify_tree_greedy<int,int>/device/64x64/8_steps", verify_device));
-    configure(benchmark::RegisterBenchmark("verify_tree_greedy<int,int>/reference/64x64/8_steps", verify_reference));
+    per_call(benchmark::RegisterBenchmark("verify_tree_greedy<int,int>/device/64x64/8_steps", verify_device));
+    per_call(benchmark::RegisterBenchmark("verify_tree_greedy<int,int>/reference/64x64/8_steps", verify_reference));
     return true;
 }();
 

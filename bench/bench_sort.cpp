@@ -153,10 +153,6 @@ void top_p_reference(benchmark::State& state, Shape s, float top_p) {
     });
 }
 
-void configure(benchmark::internal::Benchmark* b) {
-    b->UseRealTime()->Unit(benchmark::kMicrosecond)->MinTime(kMinTime);
-}
-
 // top_p 0.9 is the usual setting; 1.0 keeps the whole row, which makes the
 // device kernel sort all of it.
 const bool kRegistered = [] {
@@ -164,15 +160,15 @@ const bool kRegistered = [] {
         for (long vocab : kVocabs) {
             const Shape s{rows, vocab};
             const std::string l = label(s);
-            configure(benchmark::RegisterBenchmark(("sort<float,int>/device/" + l).c_str(), sort_device, s));
-            configure(benchmark::RegisterBenchmark(("sort<float,int>/reference/" + l).c_str(), sort_reference, s));
-            configure(benchmark::RegisterBenchmark(("sort<float,int>/std_stable_sort/" + l).c_str(), sort_std_stable,
+            per_call(benchmark::RegisterBenchmark(("sort<float,int>/device/" + l).c_str(), sort_device, s));
+            per_call(benchmark::RegisterBenchmark(("sort<float,int>/reference/" + l).c_str(), sort_reference, s));
+            per_call(benchmark::RegisterBenchmark(("sort<float,int>/std_stable_sort/" + l).c_str(), sort_std_stable,
                                                    s));
             for (float top_p : {0.9f, 1.0f}) {
                 const std::string p = top_p < 1.0f ? "p0.9/" : "p1.0/";
-                configure(benchmark::RegisterBenchmark(("top_p_sampling<float,int>/device/" + p + l).c_str(),
+                per_call(benchmark::RegisterBenchmark(("top_p_sampling<float,int>/device/" + p + l).c_str(),
                                                        top_p_device, s, top_p));
-                configure(benchmark::RegisterBenchmark(("top_p_sampling<float,int>/reference/" + p + l).c_str(),
+                per_call(benchmark::RegisterBenchmark(("top_p_sampling<float,int>/reference/" + p + l).c_str(),
                                                        top_p_reference, s, top_p));
             }
         }

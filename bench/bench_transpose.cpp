@@ -73,21 +73,17 @@ std::string label(const Case& c) {
     return s;
 }
 
-void configure(benchmark::internal::Benchmark* b) {
-    b->UseRealTime()->Unit(benchmark::kMicrosecond)->MinTime(kMinTime);
-}
-
 const bool kRegistered = [] {
     for (const Case& c : kCases) {
         const std::string l = "/" + label(c);
-        configure(benchmark::RegisterBenchmark(("transpose<bfloat16>/device" + l).c_str(), device<bfloat16>, c));
-        configure(benchmark::RegisterBenchmark(("transpose<float>/device" + l).c_str(), device<float>, c));
-        configure(benchmark::RegisterBenchmark(("transpose<bfloat16>/reference" + l).c_str(), reference<bfloat16>, c));
+        per_call(benchmark::RegisterBenchmark(("transpose<bfloat16>/device" + l).c_str(), device<bfloat16>, c));
+        per_call(benchmark::RegisterBenchmark(("transpose<float>/device" + l).c_str(), device<float>, c));
+        per_call(benchmark::RegisterBenchmark(("transpose<bfloat16>/reference" + l).c_str(), reference<bfloat16>, c));
     }
     for (long t : kDecodeTokens) {
         const Case c{{t, 32, 128}, {1, 0, 2}};
         const std::string l = "/" + label(c);
-        configure(benchmark::RegisterBenchmark(("transpose<bfloat16>/device" + l).c_str(), device<bfloat16>, c));
+        per_call(benchmark::RegisterBenchmark(("transpose<bfloat16>/device" + l).c_str(), device<bfloat16>, c));
     }
     return true;
 }();
