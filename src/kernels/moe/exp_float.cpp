@@ -9,6 +9,9 @@
 // float of at most 1. kMargin covers errors up to 2^-41, far above both
 // bounds, and sends about one value in 65536 (with its chunk) to the library.
 #pragma GCC optimize("fp-contract=off")
+// Lane helpers are always inlined into the clones, so no vector crosses a
+// call and the default clone's ABI note does not apply.
+#pragma GCC diagnostic ignored "-Wpsabi"
 
 #include "kernels/moe/exp_float.h"
 
@@ -22,9 +25,6 @@ namespace tsuops::kernels::moe {
 
 namespace {
 
-// Lane helpers are always inlined into the clones, so no vector crosses a
-// call and the default clone's ABI note does not apply.
-#pragma GCC diagnostic ignored "-Wpsabi"
 using f64x4 = double __attribute__((vector_size(32)));
 using i64x4 = std::int64_t __attribute__((vector_size(32)));
 using f32x4 = float __attribute__((vector_size(16)));
@@ -57,7 +57,7 @@ constexpr std::uint32_t kMargin = 1u << 12;
 [[gnu::always_inline]] inline f64x4 splat(double v) { return f64x4{v, v, v, v}; }
 [[gnu::always_inline]] inline i64x4 splat_int(std::int64_t v) { return i64x4{v, v, v, v}; }
 
-[[gnu::always_inline]] inline f64x4 approx4(f64x4 x) {
+[[gnu::always_inline]] inline f64x4 approx4(const f64x4& x) {
     const f64x4 t = x * kInvStep + kShifter;
     const f64x4 kf = t - kShifter;
     const i64x4 k = std::bit_cast<i64x4>(t) - std::bit_cast<std::int64_t>(kShifter);
@@ -71,14 +71,30 @@ constexpr std::uint32_t kMargin = 1u << 12;
 
 inline float library_exp(float d) { return static_cast<float>(std::exp(static_cast<double>(d))); }
 
+// The logistic function through the same exponential: e = exp(-x) within
+// 2^-50 of the library's value, then t = e + 1 and q = 1 / t rounded in
+// double as the host rounds them. Each step keeps q within 2^-48 of the
+// host's q, a few units of its last place, so that the float of q is the
+// host's unless q lies within kMargin of a halfway pattern; such a chunk,
+// and every argument beyond kSigmoidReach, goes to the library.
+constexpr double kSigmoidReach = 80.0;
+
+inline float library_sigmoid(float x) { return static_cast<float>(1.0 / (std::exp(-static_cast<double>(x)) + 1.0)); }
+
 // Values go through in chunks, so that one test per chunk finds the rare
 // lane that needs the library; such a chunk is recomputed whole.
 constexpr long kChunk = 64;
 
-}  // namespace
+enum class Fn { exp, sigmoid };
 
-__attribute__((target_clones("avx2", "default"))) void exp_to_float(float* v, long n) {
-    const f64x4 lowest = splat(kFastLowest), highest = splat(kFastHighest);
+// Runs the lanes of F over v, four double lanes at a time, and keeps its float
+// where the argument lies within [lowest, highest] and the double result
+// clear of a halfway pattern; a chunk with any other lane goes whole to
+// the library.
+
+template <Fn F>
+[[gnu::always_inline]] inline void to_float_in_chunks(float* v, long n, double lowest, double highest) {
+    const f64x4 lo = splat(lowest), hi = splat(highest);
     const i64x4 near_below = splat_int(kHalfway - kMargin), near_above = splat_int(kHalfway + kMargin);
     for (long i = 0; i < n; i += kChunk) {
         const long len = n - i < kChunk ? n - i : kChunk;
@@ -90,67 +106,29 @@ __attribute__((target_clones("avx2", "default"))) void exp_to_float(float* v, lo
             f32x4 d;
             std::memcpy(&d, in + g, sizeof d);
             f64x4 x = __builtin_convertvector(d, f64x4);
-            const i64x4 in_range = (x >= lowest) & (x <= highest);
+            const i64x4 in_range = (x >= lo) & (x <= hi);
             x = in_range ? x : splat(0.0);
-            const f64x4 y = approx4(x);
+            const f64x4 y = F == Fn::exp ? approx4(x) : 1.0 / (approx4(-x) + 1.0);
             const i64x4 dropped = std::bit_cast<i64x4>(y) & static_cast<std::int64_t>(kDropped);
             slow |= ~in_range | ((dropped >= near_below) & (dropped <= near_above));
             const f32x4 f = __builtin_convertvector(y, f32x4);
             std::memcpy(out + g, &f, sizeof f);
         }
         if ((slow[0] | slow[1] | slow[2] | slow[3]) != 0) {
-            for (long j = 0; j < len; ++j) out[j] = library_exp(in[j]);
+            for (long j = 0; j < len; ++j) out[j] = F == Fn::exp ? library_exp(in[j]) : library_sigmoid(in[j]);
         }
         std::memcpy(v + i, out, static_cast<std::size_t>(len) * sizeof(float));
     }
-}
-
-}  // namespace tsuops::kernels::moe
-
-namespace tsuops::kernels::moe {
-
-namespace {
-
-// The logistic function through the same exponential: e = exp(-x) within
-// 2^-50 of the library's value, then t = e + 1 and q = 1 / t rounded in
-// double as the host rounds them. Each step keeps q within 2^-48 of the
-// host's q, a few units of its last place, so that the float of q is the
-// host's unless q lies within kMargin of a halfway pattern; such a chunk,
-// and every argument beyond kSigmoidReach, goes to the library.
-constexpr double kSigmoidReach = 80.0;
-
-inline float library_sigmoid(float x) {
-    return static_cast<float>(1.0 / (std::exp(-static_cast<double>(x)) + 1.0));
 }
 
 }  // namespace
 
+__attribute__((target_clones("avx2", "default"))) void exp_to_float(float* v, long n) {
+    to_float_in_chunks<Fn::exp>(v, n, kFastLowest, kFastHighest);
+}
+
 __attribute__((target_clones("avx2", "default"))) void sigmoid_to_float(float* v, long n) {
-    const f64x4 reach = splat(kSigmoidReach);
-    const i64x4 near_below = splat_int(kHalfway - kMargin), near_above = splat_int(kHalfway + kMargin);
-    for (long i = 0; i < n; i += kChunk) {
-        const long len = n - i < kChunk ? n - i : kChunk;
-        alignas(32) float in[kChunk] = {};
-        alignas(32) float out[kChunk];
-        std::memcpy(in, v + i, static_cast<std::size_t>(len) * sizeof(float));
-        i64x4 slow = splat_int(0);
-        for (long g = 0; g < kChunk; g += 4) {
-            f32x4 d;
-            std::memcpy(&d, in + g, sizeof d);
-            f64x4 x = -__builtin_convertvector(d, f64x4);
-            const i64x4 in_range = (x >= -reach) & (x <= reach);
-            x = in_range ? x : splat(0.0);
-            const f64x4 q = 1.0 / (approx4(x) + 1.0);
-            const i64x4 dropped = std::bit_cast<i64x4>(q) & static_cast<std::int64_t>(kDropped);
-            slow |= ~in_range | ((dropped >= near_below) & (dropped <= near_above));
-            const f32x4 f = __builtin_convertvector(q, f32x4);
-            std::memcpy(out + g, &f, sizeof f);
-        }
-        if ((slow[0] | slow[1] | slow[2] | slow[3]) != 0) {
-            for (long j = 0; j < len; ++j) out[j] = library_sigmoid(in[j]);
-        }
-        std::memcpy(v + i, out, static_cast<std::size_t>(len) * sizeof(float));
-    }
+    to_float_in_chunks<Fn::sigmoid>(v, n, -kSigmoidReach, kSigmoidReach);
 }
 
 }  // namespace tsuops::kernels::moe
