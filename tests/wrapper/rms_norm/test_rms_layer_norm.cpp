@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <random>
 #include <set>
 #include <string>
 #include <vector>
@@ -23,6 +22,7 @@ namespace {
 using namespace orvane::tsu::api;
 using namespace tsuops_test;
 using wrapper_test::Tensors;
+using wrapper_test::offset_rows;
 namespace sel = infer_ops::rms_norm;
 namespace nk = tsuops::kernels::norm;
 
@@ -174,18 +174,6 @@ TYPED_TEST(RmsNorm, HostMatchesIndependentComputationExactly) {
         EXPECT_TRUE(identical(want, y));
         EXPECT_TRUE(identical({is_rstd ? r : ms}, std::vector<float>{rms})) << "is_rstd " << is_rstd;
     }
-}
-
-// Three rows of n: 1000.0 throughout, 100 + N(0, 1) and 300 + N(0, 1).
-template <class T>
-std::vector<T> offset_rows(long n) {
-    std::mt19937 rng(static_cast<unsigned>(n));
-    std::normal_distribution<double> noise(0.0, 1.0);
-    std::vector<T> x(n, T(1000.0f));
-    for (double offset : {100.0, 300.0}) {
-        for (long j = 0; j < n; ++j) x.push_back(T(static_cast<float>(offset + noise(rng))));
-    }
-    return x;
 }
 
 // Rows of 1000.0, of 100 + N(0, 1) and of 300 + N(0, 1): a sum of squares
