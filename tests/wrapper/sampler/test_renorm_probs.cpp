@@ -245,35 +245,17 @@ TEST(RenormProbsFrame, TracesNameTypesAndArguments) {
 using wrapper_test::as;
 constexpr auto cpu = DeviceType::CPU, dev = DeviceType::TSU3;
 
-// probs, renormed_probs and top_k_arr are p[0..2]; k is the row's
-// parameter. Call 0 passes top_k_arr, call 1 none.
-TEST(RenormProbsFailure, TopK) {
-    const auto call = [](bool arr) {
+// x (probs), y (renormed_probs) and the per-row array are p[0..2]; k or
+// top_p is the row's parameter. Calls 0 and 1 are top_k with and without
+// top_k_arr, calls 2 and 3 top_p with and without top_p_arr.
+TEST(RenormProbsFailure, StatusLogAndNothingWritten) {
+    const auto top_k_call = [](bool arr) {
         return [=](Context* c, void* const* p, long m, long n, double k) {
             return infer_ops::top_k_renorm_probs<bfloat16, int>(c, as<bfloat16>(p[0]), as<bfloat16>(p[1]), m, n,
                                                                 static_cast<long>(k), arr ? as<int>(p[2]) : nullptr);
         };
     };
-    wrapper_test::expect_failures(
-        {call(true), call(false)}, {1},
-        {{"null context", 0, wrapper_test::kNoContext, 2, 8, 2, 0, 0, {}, 1, nullptr, {}},
-         {"no rows", 0, dev, 0, 8, 2, 0, 0, {}, 1, "compare_fail", {"0", ">", "0"}},
-         {"no columns", 1, cpu, 2, 0, 2, 0, 0, {}, 1, "compare_fail", {"0", ">", "0"}},
-         {"k of 0, with top_k_arr", 0, cpu, 2, 8, 0, 0, 0, {}, 1, "compare_fail", {"0", ">", "0"}},
-         {"negative rows and k: rows first", 1, dev, -2, 8, -1, 0, 0, {}, 1, "compare_fail", {"-2", ">", "0"}},
-         {"no rows and a null input: the comparison first", 0, dev, 0, 8, 2, 0, 1, {}, 1, "compare_fail",
-          {"0", ">", "0"}},
-         {"null input", 1, dev, 2, 8, 2, 0, 1, {}, 1, "invalid_memory", {}},
-         {"output past device memory", 1, dev, 2, 8, 2, 1, 0x8000000000, {}, 1, "invalid_memory", {}},
-         {"top_k_arr no memory", 0, dev, 2, 8, 2, 2, 0x1000, {}, 1, "invalid_memory", {}},
-         {"device type without a path", 1, DeviceType::TSU2, 2, 8, 2, 0, 0, {}, 4, "unimplement", {}},
-         {"launch fails", 0, dev, 2, 8, 2, 0, 0, tsuemu::Site::Async, 2, "kernel_fail", {"7"}}});
-}
-
-// x, y and top_p_arr are p[0..2]; top_p is the row's parameter. Call 0
-// passes top_p_arr, call 1 none.
-TEST(RenormProbsFailure, TopP) {
-    const auto call = [](bool arr) {
+    const auto top_p_call = [](bool arr) {
         return [=](Context* c, void* const* p, long m, long n, double top_p) {
             return infer_ops::top_p_renorm_probs<float16>(c, as<float16>(p[0]), as<float16>(p[1]),
                                                           arr ? as<float>(p[2]) : nullptr, static_cast<float>(top_p),
@@ -281,16 +263,29 @@ TEST(RenormProbsFailure, TopP) {
         };
     };
     wrapper_test::expect_failures(
-        {call(true), call(false)}, {1},
-        {{"null context", 0, wrapper_test::kNoContext, 2, 8, 0.5, 0, 0, {}, 1, nullptr, {}},
-         {"no rows", 0, dev, 0, 8, 0.5, 0, 0, {}, 1, "invalid_shape", {"0", "8"}},
-         {"no columns", 1, cpu, 2, 0, 0.5, 0, 0, {}, 1, "invalid_shape", {"2", "0"}},
-         {"2^32 values on device type 2", 1, DeviceType::TSU2, 65536, 65536, 0.5, 0, 0, {}, 1, "invalid_shape", {}},
-         {"no rows and a null input: the shape first", 1, cpu, 0, 8, 0.5, 0, 1, {}, 1, "invalid_shape", {}},
-         {"null output", 1, dev, 2, 8, 0.5, 1, 1, {}, 1, "invalid_memory", {}},
-         {"top_p_arr no memory", 0, dev, 2, 8, 0.5, 2, 0x1000, {}, 1, "invalid_memory", {}},
-         {"device type without a path", 0, DeviceType::TSU4, 2, 8, 0.5, 0, 0, {}, 4, "unimplement", {}},
-         {"configuration fails", 1, dev, 2, 8, 0.5, 0, 0, tsuemu::Site::Config, 2, "kernel_fail", {"7"}}});
+        {top_k_call(true), top_k_call(false), top_p_call(true), top_p_call(false)}, {1},
+        {{"top_k: null context", 0, wrapper_test::kNoContext, 2, 8, 2, 0, 0, {}, 1, nullptr, {}},
+         {"top_k: no rows", 0, dev, 0, 8, 2, 0, 0, {}, 1, "compare_fail", {"0", ">", "0"}},
+         {"top_k: no columns", 1, cpu, 2, 0, 2, 0, 0, {}, 1, "compare_fail", {"0", ">", "0"}},
+         {"top_k: k of 0, with top_k_arr", 0, cpu, 2, 8, 0, 0, 0, {}, 1, "compare_fail", {"0", ">", "0"}},
+         {"top_k: negative rows and k: rows first", 1, dev, -2, 8, -1, 0, 0, {}, 1, "compare_fail", {"-2", ">", "0"}},
+         {"top_k: no rows and a null input: the comparison first", 0, dev, 0, 8, 2, 0, 1, {}, 1, "compare_fail",
+          {"0", ">", "0"}},
+         {"top_k: null input", 1, dev, 2, 8, 2, 0, 1, {}, 1, "invalid_memory", {}},
+         {"top_k: output past device memory", 1, dev, 2, 8, 2, 1, 0x8000000000, {}, 1, "invalid_memory", {}},
+         {"top_k: top_k_arr no memory", 0, dev, 2, 8, 2, 2, 0x1000, {}, 1, "invalid_memory", {}},
+         {"top_k: device type without a path", 1, DeviceType::TSU2, 2, 8, 2, 0, 0, {}, 4, "unimplement", {}},
+         {"top_k: launch fails", 0, dev, 2, 8, 2, 0, 0, tsuemu::Site::Async, 2, "kernel_fail", {"7"}},
+         {"top_p: null context", 2, wrapper_test::kNoContext, 2, 8, 0.5, 0, 0, {}, 1, nullptr, {}},
+         {"top_p: no rows", 2, dev, 0, 8, 0.5, 0, 0, {}, 1, "invalid_shape", {"0", "8"}},
+         {"top_p: no columns", 3, cpu, 2, 0, 0.5, 0, 0, {}, 1, "invalid_shape", {"2", "0"}},
+         {"top_p: 2^32 values on device type 2", 3, DeviceType::TSU2, 65536, 65536, 0.5, 0, 0, {}, 1, "invalid_shape",
+          {}},
+         {"top_p: no rows and a null input: the shape first", 3, cpu, 0, 8, 0.5, 0, 1, {}, 1, "invalid_shape", {}},
+         {"top_p: null output", 3, dev, 2, 8, 0.5, 1, 1, {}, 1, "invalid_memory", {}},
+         {"top_p: top_p_arr no memory", 2, dev, 2, 8, 0.5, 2, 0x1000, {}, 1, "invalid_memory", {}},
+         {"top_p: device type without a path", 2, DeviceType::TSU4, 2, 8, 0.5, 0, 0, {}, 4, "unimplement", {}},
+         {"top_p: configuration fails", 3, dev, 2, 8, 0.5, 0, 0, tsuemu::Site::Config, 2, "kernel_fail", {"7"}}});
 }
 
 }  // namespace
