@@ -18,13 +18,8 @@ using namespace orvane::tsu::api;
 using namespace tsuops_test;
 namespace sel = infer_ops::top_p_select;
 
-template <class T, class TID>
-struct Inst { using X = T; using Id = TID; };
-using Instances = ::testing::Types<Inst<float, int>, Inst<float, long>, Inst<float16, int>, Inst<float16, long>>;
-struct InstNames {
-    template <class P>
-    static std::string GetName(int) { return std::string(type_name<typename P::X>()) + "_" + type_name<typename P::Id>(); }
-};
+using wrapper_test::Pair;  // the probability type and the id type
+using Instances = ::testing::Types<Pair<float, int>, Pair<float, long>, Pair<float16, int>, Pair<float16, long>>;
 
 constexpr long kUntouchedId = -7;
 constexpr float kUntouchedValue = 99.0f;
@@ -102,7 +97,7 @@ const Draw kDraws[] = {
 
 template <class P>
 class TopP : public ::testing::Test {};
-TYPED_TEST_SUITE(TopP, Instances, InstNames);
+TYPED_TEST_SUITE(TopP, Instances, wrapper_test::PairNames);
 
 // Each case one row, padded with zeros to n, which leaves every draw as it
 // was: zeros sort after the positive entries and add nothing. Rows of 66 on
@@ -110,7 +105,7 @@ TYPED_TEST_SUITE(TopP, Instances, InstNames);
 // one instance.
 TYPED_TEST(TopP, HandWorkedDrawsOnBothPathsAndRoutes) {
     using T = typename TypeParam::X;
-    using TID = typename TypeParam::Id;
+    using TID = typename TypeParam::W;
     const bool fallback_too = std::is_same_v<T, float16> && std::is_same_v<TID, long>;
     for (long n : {66L, sel::kFallbackRow}) {
         if (n != 66 && !fallback_too) continue;
@@ -174,7 +169,7 @@ std::vector<T> make_probs(int kind, long m, long n, std::uint64_t seed) {
 // edges and the middle, a stop flag on every fifth row.
 TYPED_TEST(TopP, DeviceMatchesHostBitForBitAcrossTheThreshold) {
     using T = typename TypeParam::X;
-    using TID = typename TypeParam::Id;
+    using TID = typename TypeParam::W;
     const long f = sel::kFallbackRow;
     // m, n, the kinds of row (bits), with and without values (bits), grid sizes
     struct Shape { long m, n; int kinds, values; std::vector<int> clusters; };
