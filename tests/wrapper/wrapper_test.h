@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -94,5 +95,19 @@ struct Tensors {
           scale(ctx, random_tensor<TW>(n, seed + 1, RandomSpec::range(scale_lo, 1.5))),
           bias(ctx, random_tensor<TW>(n, seed + 2, RandomSpec::range(-0.5, 0.5))), s1(ctx, m), s2(ctx, m) {}
 };
+
+// Three rows of n with a large common offset: 1000.0 throughout, 100 + N(0, 1)
+// and 300 + N(0, 1). Sums of their large equal terms give other bits in any
+// other order.
+template <class T>
+std::vector<T> offset_rows(long n) {
+    std::mt19937 rng(static_cast<unsigned>(n));
+    std::normal_distribution<double> noise(0.0, 1.0);
+    std::vector<T> x(n, T(1000.0f));
+    for (double offset : {100.0, 300.0}) {
+        for (long j = 0; j < n; ++j) x.push_back(T(static_cast<float>(offset + noise(rng))));
+    }
+    return x;
+}
 
 }  // namespace wrapper_test

@@ -6,7 +6,6 @@
 #pragma GCC optimize("fp-contract=off")
 
 #include <cmath>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -19,6 +18,7 @@ namespace {
 using namespace orvane::tsu::api;
 using namespace tsuops_test;
 using wrapper_test::Tensors;
+using wrapper_test::offset_rows;
 namespace nk = tsuops::kernels::norm;
 
 template <class T>
@@ -42,18 +42,32 @@ int run(Context* ctx, Tensors<T, TW>& t, long m, long n, const Variant& v, bool 
     return infer_ops::layer_norm<T, TW>(ctx, t.x.data(), t.y.data(), m, n, 1e-5f, w, b, v.flag, v.plus_one);
 }
 
-// Host and device on the same tensors; every output compared bit for bit.
-template <class T, class TW>
-void expect_device_matches_host(Tensors<T, TW>& want, Tensors<T, TW>& got, long m, long n, const Variant& v,
-                                bool nn, Context* host, Context* dev) {
-    ASSERT_EQ(run(host, want, m, n, v, nn), 0);
-    ASSERT_EQ(run(dev, got, m, n, v, nn), 0);
-    EXPECT_TRUE(identical(want.y.download(), got.y.download()));
-    if (nn && v.stats) {
-        EXPECT_TRUE(identical(want.s1.download(), got.s1.download()));
-        EXPECT_TRUE(identical(want.s2.download(), got.s2.download()));
-    } else {
-        EXPECT_TRUE(got.s1.untouched() && got.s2.untouched());
+// Host and device on the same tensors (x, when given, in place of the random
+// rows), for each variant listed on layer_norm and, where the types have it,
+// nn_layer_norm; every output compared bit for bit. `then` sees the host's.
+template <class T, class TW, class Then = void (*)(Tensors<T, TW>&, const Variant&, bool)>
+void expect_device_matches_host(long m, long n, std::uint64_t seed, std::initializer_list<int> variants,
+                                const std::vector<T>& x = {}, Then then = [](Tensors<T, TW>&, const Variant&, bool) {}) {
+    auto host = host_context();
+    auto dev = device_context({.ncluster = 4});
+    for (int i : variants) {
+        const Variant& v = kVariants[i];
+        for (bool nn : {false, true}) {
+            if (nn && !has_nn<T>) continue;
+            SCOPED_TRACE("n " + std::to_string(n) + " variant " + std::to_string(i) + " nn " + std::to_string(nn));
+            Tensors<T, TW> want(host.get(), m, n, seed, x.empty() ? -1.5 : 0.5), got(dev.get(), m, n, seed, x.empty() ? -1.5 : 0.5);
+            if (!x.empty()) want.x.upload(x), got.x.upload(x);
+            ASSERT_EQ(run(host.get(), want, m, n, v, nn), 0);
+            ASSERT_EQ(run(dev.get(), got, m, n, v, nn), 0);
+            EXPECT_TRUE(identical(want.y.download(), got.y.download()));
+            if (nn && v.stats) {
+                EXPECT_TRUE(identical(want.s1.download(), got.s1.download()));
+                EXPECT_TRUE(identical(want.s2.download(), got.s2.download()));
+            } else {
+                EXPECT_TRUE(got.s1.untouched() && got.s2.untouched());
+            }
+            then(want, v, nn);
+        }
     }
 }
 
@@ -67,21 +81,11 @@ TYPED_TEST_SUITE(LayerNorm, wrapper_test::AllPairs, wrapper_test::PairNames);
 TYPED_TEST(LayerNorm, DeviceMatchesHostBitForBit) {
     using T = typename TypeParam::X;
     using TW = typename TypeParam::W;
-    auto host = host_context();
-    auto dev = device_context({.ncluster = 4});
     const long c = nk::kRowChunk, w = nk::kWholeRow;
     std::uint64_t seed = 300;
     for (long n : {1L, 2L, c - 1, c, c + 1, 2 * c + 1, w - 1, w, w + 1, 65537L}) {
         const long m = n == 2 ? 1 : n < 65537 ? nk::kGroup + 1 : 2;
-        for (const Variant& v : kVariants) {
-            for (bool nn : {false, true}) {
-                if (nn && !has_nn<T>) continue;
-                SCOPED_TRACE("n " + std::to_string(n) + " variant " + std::to_string(&v - kVariants) + " nn " +
-                             std::to_string(nn));
-                Tensors<T, TW> want(host.get(), m, n, ++seed, -1.5), got(dev.get(), m, n, seed, -1.5);
-                expect_device_matches_host(want, got, m, n, v, nn, host.get(), dev.get());
-            }
-        }
+        expect_device_matches_host<T, TW>(m, n, ++seed, {0, 1, 2, 3});
     }
 }
 
@@ -109,18 +113,6 @@ std::vector<T> independent_row(const std::vector<T>& x, float eps, const std::ve
     return y;
 }
 
-// Three rows of n: 1000.0 throughout, 100 + N(0, 1) and 300 + N(0, 1).
-template <class T>
-std::vector<T> offset_rows(long n) {
-    std::mt19937 rng(static_cast<unsigned>(n));
-    std::normal_distribution<double> noise(0.0, 1.0);
-    std::vector<T> x(n, T(1000.0f));
-    for (double offset : {100.0, 300.0}) {
-        for (long j = 0; j < n; ++j) x.push_back(T(static_cast<float>(offset + noise(rng))));
-    }
-    return x;
-}
-
 // Rows of 1000.0, of 100 + N(0, 1) and of 300 + N(0, 1): E[x^2] - mean^2
 // loses everything to rounding, and where it goes below -eps the definition
 // gives a NaN row. A kernel that sums in any other order gives other bits,
@@ -128,36 +120,24 @@ std::vector<T> offset_rows(long n) {
 TYPED_TEST(LayerNorm, LargeCommonOffsetsGiveTheDefinitionsNaNRows) {
     using T = typename TypeParam::X;
     using TW = typename TypeParam::W;
-    auto host = host_context();
-    auto dev = device_context({.ncluster = 4});
     long nan_rows = 0;
     for (long n : {4096L, 8192L}) {
-        const long m = 3;
         const std::vector<T> x = offset_rows<T>(n);
-        for (const Variant& v : {kVariants[1], kVariants[2]}) {
-            for (bool nn : {false, true}) {
-                if (nn && !has_nn<T>) continue;
-                SCOPED_TRACE("n " + std::to_string(n) + " variant " + std::to_string(&v - kVariants) + " nn " +
-                             std::to_string(nn));
-                Tensors<T, TW> want(host.get(), m, n, 5, 0.5), got(dev.get(), m, n, 5, 0.5);
-                want.x.upload(x);
-                got.x.upload(x);
-                expect_device_matches_host(want, got, m, n, v, nn, host.get(), dev.get());
-                const auto y = want.y.download();
-                const auto scale = want.scale.download(), bias = want.bias.download();
-                std::vector<float> stats;
-                for (long i = 0; i < m; ++i) {
-                    const std::vector<T> row(x.begin() + i * n, x.begin() + (i + 1) * n);
-                    independent_row(row, 1e-5f, v.scale ? scale : std::vector<TW>{},
-                                    v.bias ? bias : std::vector<TW>(n, TW(0.0f)), v.plus_one && !nn, stats);
-                    const bool negative = stats[1] + 1e-5f < 0.0f;
-                    nan_rows += negative;
-                    for (long j = 0; j < n; j += n / 4) {
-                        EXPECT_EQ(std::isnan(static_cast<float>(y[i * n + j])), negative) << "row " << i << ", " << j;
-                    }
+        expect_device_matches_host<T, TW>(3, n, 5, {1, 2}, x, [&](Tensors<T, TW>& want, const Variant& v, bool nn) {
+            const auto y = want.y.download();
+            const auto scale = want.scale.download(), bias = want.bias.download();
+            std::vector<float> stats;
+            for (long i = 0; i < 3; ++i) {
+                const std::vector<T> row(x.begin() + i * n, x.begin() + (i + 1) * n);
+                independent_row(row, 1e-5f, v.scale ? scale : std::vector<TW>{},
+                                v.bias ? bias : std::vector<TW>(n, TW(0.0f)), v.plus_one && !nn, stats);
+                const bool negative = stats[1] + 1e-5f < 0.0f;
+                nan_rows += negative;
+                for (long j = 0; j < n; j += n / 4) {
+                    EXPECT_EQ(std::isnan(static_cast<float>(y[i * n + j])), negative) << "row " << i << ", " << j;
                 }
             }
-        }
+        });
     }
     EXPECT_GT(nan_rows, 0) << "no row went negative: the case tests nothing";
 }

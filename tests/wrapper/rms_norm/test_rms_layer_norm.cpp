@@ -1,14 +1,13 @@
 // rms_layer_norm: across every row-length threshold, with and without each
 // optional tensor and with TSUOPS_RMSNORM_GMX on and off, device against host
-// bit for bit and the kernel of the selection table; rows with a large common
-// offset; the host against an independent computation (which rounds every step
-// on its own); bad calls.
+// bit for bit and the kernel of the selection table, also on rows with a large
+// common offset; the host against an independent computation (which rounds
+// every step on its own); bad calls.
 #pragma GCC optimize("fp-contract=off")
 
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <random>
 #include <set>
 #include <string>
 #include <vector>
@@ -23,6 +22,7 @@ namespace {
 using namespace orvane::tsu::api;
 using namespace tsuops_test;
 using wrapper_test::Tensors;
+using wrapper_test::offset_rows;
 namespace sel = infer_ops::rms_norm;
 namespace nk = tsuops::kernels::norm;
 
@@ -111,6 +111,17 @@ void sweep(bool gmx_on, bool probe) {
             check(host.get(), dev.get(), want, got, m, n, v, gmx_on);
         }
     }
+    // Rows with a large common offset: a sum of squares of large equal terms,
+    // where any other order of the adds gives other bits. On the table's
+    // kernel and on the general one.
+    for (long n : {4096L, 8192L}) {
+        for (const Variant& v : {kVariants[1], kVariants[4]}) {
+            Tensors<T, TW> want(host.get(), 3, n, 5, 0.5), got(dev.get(), 3, n, 5, 0.5);
+            want.x.upload(offset_rows<T>(n));
+            got.x.upload(offset_rows<T>(n));
+            check(host.get(), dev.get(), want, got, 3, n, v, gmx_on);
+        }
+    }
 }
 
 // The switch is read once per process, so each value runs in a child; only
@@ -173,42 +184,6 @@ TYPED_TEST(RmsNorm, HostMatchesIndependentComputationExactly) {
                   0);
         EXPECT_TRUE(identical(want, y));
         EXPECT_TRUE(identical({is_rstd ? r : ms}, std::vector<float>{rms})) << "is_rstd " << is_rstd;
-    }
-}
-
-// Three rows of n: 1000.0 throughout, 100 + N(0, 1) and 300 + N(0, 1).
-template <class T>
-std::vector<T> offset_rows(long n) {
-    std::mt19937 rng(static_cast<unsigned>(n));
-    std::normal_distribution<double> noise(0.0, 1.0);
-    std::vector<T> x(n, T(1000.0f));
-    for (double offset : {100.0, 300.0}) {
-        for (long j = 0; j < n; ++j) x.push_back(T(static_cast<float>(offset + noise(rng))));
-    }
-    return x;
-}
-
-// Rows of 1000.0, of 100 + N(0, 1) and of 300 + N(0, 1): a sum of squares
-// of large equal terms, where any other order of the adds gives other bits.
-// On the table's kernel and on the general one.
-TYPED_TEST(RmsNorm, LargeCommonOffsetsMatchBitForBit) {
-    using T = typename TypeParam::X;
-    using TW = typename TypeParam::W;
-    auto host = host_context();
-    auto dev = device_context({.ncluster = kClusters, .ngmx = kGmx});
-    for (long n : {4096L, 8192L}) {
-        const long m = 3;
-        const std::vector<T> x = offset_rows<T>(n);
-        for (const Variant& v : {kVariants[1], kVariants[4]}) {
-            SCOPED_TRACE("n " + std::to_string(n) + " variant " + std::to_string(&v - kVariants));
-            Tensors<T, TW> want(host.get(), m, n, 5, 0.5), got(dev.get(), m, n, 5, 0.5);
-            want.x.upload(x);
-            got.x.upload(x);
-            ASSERT_EQ(run(host.get(), want, m, n, v), 0);
-            ASSERT_EQ(run(dev.get(), got, m, n, v), 0);
-            EXPECT_TRUE(identical(want.y.download(), got.y.download()));
-            EXPECT_TRUE(identical(want.s1.download(), got.s1.download()));
-        }
     }
 }
 

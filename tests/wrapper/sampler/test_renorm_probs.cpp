@@ -62,14 +62,28 @@ struct Shape {
 const std::vector<Shape> kShapes = {{1, 1}, {9, 17}, {9, 1000}, {5, sk::kChunk}, {5, sk::kChunk + 17}, {70, 40},
                                     {2, 2 * sk::kChunk + 3}};
 
+// Both operators on one context, on the same rows: per-row arrays or the
+// scalars alone, or the arrays in place (where the kernels cannot use the
+// output as scratch).
 template <class T>
-void expect_launch(const LaunchRecord& r, const std::string& kernel, const T* x, const GuardedBuffer<T>& y,
-                   const void* arr) {
-    EXPECT_EQ(r.kernel.rfind(kernel, 0), 0u) << r.kernel;
-    EXPECT_TRUE(r.nclusters == kClusters && r.ncores == 64);
-    EXPECT_TRUE(LaunchCapture::arg<const void*>(r, 0) == x && LaunchCapture::arg<const void*>(r, 8) == y.data());
-    EXPECT_EQ(LaunchCapture::arg<const void*>(r, kernel.find("top_k") != std::string::npos ? 40 : 16), arr);
-}
+struct Calls {
+    GuardedBuffer<T> x, yk, yp;
+    GuardedBuffer<int> karr;
+    GuardedBuffer<float> parr;
+    bool in_place, arrays;
+
+    Calls(Context* ctx, const std::vector<T>& xs, const std::vector<int>& ks, const std::vector<float>& ps, int form)
+        : x(ctx, xs), yk(ctx, form == 3 ? xs : std::vector<T>(xs.size())), yp(ctx, form == 3 ? xs : std::vector<T>(xs.size())),
+          karr(ctx, ks), parr(ctx, ps), in_place(form == 3), arrays(form == 0 || form == 3) {}
+    const T* xk() const { return in_place ? yk.data() : x.data(); }
+    const T* xp() const { return in_place ? yp.data() : x.data(); }
+    const int* ka() const { return arrays ? karr.data() : nullptr; }
+    const float* pa() const { return arrays ? parr.data() : nullptr; }
+    int run(Context* ctx, long m, long n, long k, float p) {
+        const int st = infer_ops::top_k_renorm_probs<T, int>(ctx, xk(), yk.data(), m, n, k, ka());
+        return st ? st : infer_ops::top_p_renorm_probs<T>(ctx, xp(), yp.data(), pa(), p, m, n);
+    }
+};
 
 template <class T>
 void differential() {
@@ -86,50 +100,32 @@ void differential() {
             ks.push_back(static_cast<int>(k_choices[(r + seed) % 8]));
             ps.push_back(p_choices[(r + seed) % 6]);
         }
-        // Per-row arrays, the scalars alone, and the arrays in place (where the
-        // kernels cannot use the output as scratch).
         for (int form = 0; form < 4; ++form) {
             SCOPED_TRACE("m " + std::to_string(s.m) + " n " + std::to_string(s.n) + " form " + std::to_string(form));
             const long k = form == 1 ? 1 : std::max(1L, s.n / 3);
             const float p = form == 1 ? 0.0f : 0.8f;
-            GuardedBuffer<T> hx(host.get(), xs), dx(dev.get(), xs);
-            const bool in_place = form == 3;
-            const std::vector<T> out0 = in_place ? xs : std::vector<T>(s.m * s.n);
-            GuardedBuffer<T> hk(host.get(), out0), dk(dev.get(), out0), hp(host.get(), out0), dp(dev.get(), out0);
-            GuardedBuffer<int> hka(host.get(), ks), dka(dev.get(), ks);
-            GuardedBuffer<float> hpa(host.get(), ps), dpa(dev.get(), ps);
+            Calls<T> want(host.get(), xs, ks, ps, form), got(dev.get(), xs, ks, ps, form);
             TSUOPS_RETURN_IF_SKIPPED();
-            const bool arrays = form == 0 || in_place;
-            const int* hk_arr = arrays ? hka.data() : nullptr;
-            const int* dk_arr = arrays ? dka.data() : nullptr;
-            const float* hp_arr = arrays ? hpa.data() : nullptr;
-            const float* dp_arr = arrays ? dpa.data() : nullptr;
-            ASSERT_EQ((infer_ops::top_k_renorm_probs<T, int>(host.get(), in_place ? hk.data() : hx.data(), hk.data(),
-                                                             s.m, s.n, k, hk_arr)),
-                      0);
-            ASSERT_EQ(infer_ops::top_p_renorm_probs<T>(host.get(), in_place ? hp.data() : hx.data(), hp.data(), hp_arr,
-                                                       p, s.m, s.n),
-                      0);
+            ASSERT_EQ(want.run(host.get(), s.m, s.n, k, p), 0);
             LaunchCapture launches;
-            const T* dkx = in_place ? dk.data() : dx.data();
-            const T* dpx = in_place ? dp.data() : dx.data();
-            ASSERT_EQ((infer_ops::top_k_renorm_probs<T, int>(dev.get(), dkx, dk.data(), s.m, s.n, k, dk_arr)), 0);
-            ASSERT_EQ(infer_ops::top_p_renorm_probs<T>(dev.get(), dpx, dp.data(), dp_arr, p, s.m, s.n), 0);
-            EXPECT_TRUE(exactly_equal(hk.download(), dk.download())) << "top_k";
-            EXPECT_TRUE(hk.raw_bytes() == dk.raw_bytes()) << "top_k NaN patterns";
-            EXPECT_TRUE(exactly_equal(hp.download(), dp.download())) << "top_p";
-            EXPECT_TRUE(hp.raw_bytes() == dp.raw_bytes()) << "top_p NaN patterns";
+            ASSERT_EQ(got.run(dev.get(), s.m, s.n, k, p), 0);
+            EXPECT_TRUE(identical(want.yk.download(), got.yk.download())) << "top_k";
+            EXPECT_TRUE(identical(want.yp.download(), got.yp.download())) << "top_p";
             ASSERT_EQ(launches.size(), 2u);
             const auto r = launches.records();
             const std::string t = type_name<T>();
-            expect_launch(r[0], "tsu3::infer_top_k_renorm_probs<" + t + ", int>(", dkx, dk, dk_arr);
-            EXPECT_EQ((std::vector<long>{LaunchCapture::arg<long>(r[0], 16), LaunchCapture::arg<long>(r[0], 24),
-                                         LaunchCapture::arg<long>(r[0], 32)}),
-                      (std::vector<long>{s.m, s.n, k}));
-            expect_launch(r[1], "tsu3::infer_top_p_renorm_probs<" + t + ">(", dpx, dp, dp_arr);
-            EXPECT_EQ(LaunchCapture::arg<float>(r[1], 24), p);
-            EXPECT_EQ((std::vector<long>{LaunchCapture::arg<long>(r[1], 32), LaunchCapture::arg<long>(r[1], 40)}),
-                      (std::vector<long>{s.m, s.n}));
+            EXPECT_EQ(r[0].kernel.rfind("tsu3::infer_top_k_renorm_probs<" + t + ", int>(", 0), 0u) << r[0].kernel;
+            EXPECT_EQ(r[1].kernel.rfind("tsu3::infer_top_p_renorm_probs<" + t + ">(", 0), 0u) << r[1].kernel;
+            using L = LaunchCapture;
+            for (const auto& l : r) EXPECT_TRUE(l.nclusters == kClusters && l.ncores == 64);
+            EXPECT_EQ((std::vector<const void*>{L::arg<const void*>(r[0], 0), L::arg<const void*>(r[0], 8),
+                                                L::arg<const void*>(r[0], 40), L::arg<const void*>(r[1], 0),
+                                                L::arg<const void*>(r[1], 8), L::arg<const void*>(r[1], 16)}),
+                      (std::vector<const void*>{got.xk(), got.yk.data(), got.ka(), got.xp(), got.yp.data(), got.pa()}));
+            EXPECT_EQ((std::vector<long>{L::arg<long>(r[0], 16), L::arg<long>(r[0], 24), L::arg<long>(r[0], 32),
+                                         L::arg<long>(r[1], 32), L::arg<long>(r[1], 40)}),
+                      (std::vector<long>{s.m, s.n, k, s.m, s.n}));
+            EXPECT_EQ(L::arg<float>(r[1], 24), p);
         }
     }
 }
@@ -180,7 +176,8 @@ std::vector<T> documented(const Named& c, bool top_k) {
     return out;
 }
 
-// Each row with the scalar and as a one-row array, on both paths.
+// Each row with the scalar and as a one-row array, on both paths; the other
+// operator of the pair runs alongside with k of 1 or p of 0.5.
 template <class T>
 void expect_named(const std::vector<Named>& rows, bool top_k) {
     for (const auto& ctx : {host_context(), emulated_device()}) {
@@ -189,23 +186,15 @@ void expect_named(const std::vector<Named>& rows, bool top_k) {
             if (std::any_of(c.row.begin(), c.row.end(), [](float f) { return f != 0.0f && float(T(f)) == 0.0f; })) {
                 continue;
             }
-            for (bool per_row : {false, true}) {
-                SCOPED_TRACE(std::string(c.what) + (per_row ? ", per row" : "") + " on device type " +
+            for (int form : {2, 0}) {
+                SCOPED_TRACE(std::string(c.what) + (form == 0 ? ", per row" : "") + " on device type " +
                              std::to_string(ctx->dev_type) + " in " + type_name<T>());
-                const long n = static_cast<long>(c.row.size());
-                GuardedBuffer<T> x(ctx.get(), std::vector<T>(c.row.begin(), c.row.end())), y(ctx.get(), n);
-                GuardedBuffer<int> karr(ctx.get(), std::vector<int>{static_cast<int>(c.k_or_p)});
-                GuardedBuffer<float> parr(ctx.get(), std::vector<float>{static_cast<float>(c.k_or_p)});
+                const int k = top_k ? static_cast<int>(c.k_or_p) : 1;
+                const float p = top_k ? 0.5f : static_cast<float>(c.k_or_p);
+                Calls<T> t(ctx.get(), std::vector<T>(c.row.begin(), c.row.end()), {k}, {p}, form);
                 TSUOPS_RETURN_IF_SKIPPED();
-                const int st = top_k ? infer_ops::top_k_renorm_probs<T, int>(
-                                           ctx.get(), x.data(), y.data(), 1, n, per_row ? 1 : static_cast<long>(c.k_or_p),
-                                           per_row ? karr.data() : nullptr)
-                                     : infer_ops::top_p_renorm_probs<T>(ctx.get(), x.data(), y.data(),
-                                                                        per_row ? parr.data() : nullptr,
-                                                                        per_row ? 0.5f : static_cast<float>(c.k_or_p),
-                                                                        1, n);
-                ASSERT_EQ(st, 0);
-                EXPECT_TRUE(exactly_equal(documented<T>(c, top_k), y.download()));
+                ASSERT_EQ(t.run(ctx.get(), 1, static_cast<long>(c.row.size()), form ? k : 1, form ? p : 0.5f), 0);
+                EXPECT_TRUE(exactly_equal(documented<T>(c, top_k), (top_k ? t.yk : t.yp).download()));
             }
         }
     }
@@ -236,58 +225,37 @@ TYPED_TEST(RenormProbs, NamedRowsGiveTheDocumentedResult) {
 TEST(RenormProbsFrame, TracesNameTypesAndArguments) {
     auto dev = emulated_device();
     dev->debug_flags = 1;
-    GuardedBuffer<bfloat16> x(dev.get(), std::vector<bfloat16>(6, bfloat16(0.25f))), y(dev.get(), 6);
+    Calls<bfloat16> t(dev.get(), std::vector<bfloat16>(6, bfloat16(0.25f)), {}, {}, 2);
     TSUOPS_RETURN_IF_SKIPPED();
     TraceCapture traces;
     LogCapture quiet;  // a traced call logs its regions
-    ASSERT_EQ((infer_ops::top_k_renorm_probs<bfloat16, int>(dev.get(), x.data(), y.data(), 2, 3, 2, nullptr)), 0);
-    ASSERT_EQ(infer_ops::top_p_renorm_probs<bfloat16>(dev.get(), x.data(), y.data(), nullptr, 0.5f, 2, 3), 0);
-    const auto t = traces.records();
-    ASSERT_EQ(t.size(), 2u);
-    EXPECT_EQ(t[0].name, "top_k_renorm_probs");
-    EXPECT_EQ(t[0].dtypes, (std::vector<std::string>{"bfloat16", "int"}));
-    ASSERT_EQ(t[0].params.size(), 7u);
-    EXPECT_EQ(std::vector<std::string>(t[0].params.begin() + 2, t[0].params.begin() + 6),
-              (std::vector<std::string>{"2", "3", "2", "\"NULL\""}));
-    EXPECT_EQ(t[1].name, "top_p_renorm_probs");
-    EXPECT_EQ(t[1].dtypes, std::vector<std::string>{"bfloat16"});
-    ASSERT_EQ(t[1].params.size(), 7u);
-    EXPECT_EQ(std::vector<std::string>(t[1].params.begin() + 2, t[1].params.begin() + 6),
-              (std::vector<std::string>{"\"NULL\"", "0.5", "2", "3"}));
+    ASSERT_EQ(t.run(dev.get(), 2, 3, 2, 0.5f), 0);
+    std::vector<std::vector<std::string>> seen;
+    for (const auto& r : traces.records()) {
+        seen.push_back({r.name, std::to_string(r.params.size())});
+        seen.back().insert(seen.back().end(), r.dtypes.begin(), r.dtypes.end());
+        const std::size_t np = r.params.size();
+        seen.back().insert(seen.back().end(), r.params.begin() + std::min(2ul, np), r.params.begin() + std::min(6ul, np));
+    }
+    EXPECT_EQ(seen, (std::vector<std::vector<std::string>>{
+                        {"top_k_renorm_probs", "7", "bfloat16", "int", "2", "3", "2", "\"NULL\""},
+                        {"top_p_renorm_probs", "7", "bfloat16", "\"NULL\"", "0.5", "2", "3"}}));
 }
 
 using wrapper_test::as;
 constexpr auto cpu = DeviceType::CPU, dev = DeviceType::TSU3;
 
-// probs, renormed_probs and top_k_arr are p[0..2]; k is the row's
-// parameter. Call 0 passes top_k_arr, call 1 none.
-TEST(RenormProbsFailure, TopK) {
-    const auto call = [](bool arr) {
+// x (probs), y (renormed_probs) and the per-row array are p[0..2]; k or
+// top_p is the row's parameter. Calls 0 and 1 are top_k with and without
+// top_k_arr, calls 2 and 3 top_p with and without top_p_arr.
+TEST(RenormProbsFailure, StatusLogAndNothingWritten) {
+    const auto top_k_call = [](bool arr) {
         return [=](Context* c, void* const* p, long m, long n, double k) {
             return infer_ops::top_k_renorm_probs<bfloat16, int>(c, as<bfloat16>(p[0]), as<bfloat16>(p[1]), m, n,
                                                                 static_cast<long>(k), arr ? as<int>(p[2]) : nullptr);
         };
     };
-    wrapper_test::expect_failures(
-        {call(true), call(false)}, {1},
-        {{"null context", 0, wrapper_test::kNoContext, 2, 8, 2, 0, 0, {}, 1, nullptr, {}},
-         {"no rows", 0, dev, 0, 8, 2, 0, 0, {}, 1, "compare_fail", {"0", ">", "0"}},
-         {"no columns", 1, cpu, 2, 0, 2, 0, 0, {}, 1, "compare_fail", {"0", ">", "0"}},
-         {"k of 0, with top_k_arr", 0, cpu, 2, 8, 0, 0, 0, {}, 1, "compare_fail", {"0", ">", "0"}},
-         {"negative rows and k: rows first", 1, dev, -2, 8, -1, 0, 0, {}, 1, "compare_fail", {"-2", ">", "0"}},
-         {"no rows and a null input: the comparison first", 0, dev, 0, 8, 2, 0, 1, {}, 1, "compare_fail",
-          {"0", ">", "0"}},
-         {"null input", 1, dev, 2, 8, 2, 0, 1, {}, 1, "invalid_memory", {}},
-         {"output past device memory", 1, dev, 2, 8, 2, 1, 0x8000000000, {}, 1, "invalid_memory", {}},
-         {"top_k_arr no memory", 0, dev, 2, 8, 2, 2, 0x1000, {}, 1, "invalid_memory", {}},
-         {"device type without a path", 1, DeviceType::TSU2, 2, 8, 2, 0, 0, {}, 4, "unimplement", {}},
-         {"launch fails", 0, dev, 2, 8, 2, 0, 0, tsuemu::Site::Async, 2, "kernel_fail", {"7"}}});
-}
-
-// x, y and top_p_arr are p[0..2]; top_p is the row's parameter. Call 0
-// passes top_p_arr, call 1 none.
-TEST(RenormProbsFailure, TopP) {
-    const auto call = [](bool arr) {
+    const auto top_p_call = [](bool arr) {
         return [=](Context* c, void* const* p, long m, long n, double top_p) {
             return infer_ops::top_p_renorm_probs<float16>(c, as<float16>(p[0]), as<float16>(p[1]),
                                                           arr ? as<float>(p[2]) : nullptr, static_cast<float>(top_p),
@@ -295,16 +263,29 @@ TEST(RenormProbsFailure, TopP) {
         };
     };
     wrapper_test::expect_failures(
-        {call(true), call(false)}, {1},
-        {{"null context", 0, wrapper_test::kNoContext, 2, 8, 0.5, 0, 0, {}, 1, nullptr, {}},
-         {"no rows", 0, dev, 0, 8, 0.5, 0, 0, {}, 1, "invalid_shape", {"0", "8"}},
-         {"no columns", 1, cpu, 2, 0, 0.5, 0, 0, {}, 1, "invalid_shape", {"2", "0"}},
-         {"2^32 values on device type 2", 1, DeviceType::TSU2, 65536, 65536, 0.5, 0, 0, {}, 1, "invalid_shape", {}},
-         {"no rows and a null input: the shape first", 1, cpu, 0, 8, 0.5, 0, 1, {}, 1, "invalid_shape", {}},
-         {"null output", 1, dev, 2, 8, 0.5, 1, 1, {}, 1, "invalid_memory", {}},
-         {"top_p_arr no memory", 0, dev, 2, 8, 0.5, 2, 0x1000, {}, 1, "invalid_memory", {}},
-         {"device type without a path", 0, DeviceType::TSU4, 2, 8, 0.5, 0, 0, {}, 4, "unimplement", {}},
-         {"configuration fails", 1, dev, 2, 8, 0.5, 0, 0, tsuemu::Site::Config, 2, "kernel_fail", {"7"}}});
+        {top_k_call(true), top_k_call(false), top_p_call(true), top_p_call(false)}, {1},
+        {{"top_k: null context", 0, wrapper_test::kNoContext, 2, 8, 2, 0, 0, {}, 1, nullptr, {}},
+         {"top_k: no rows", 0, dev, 0, 8, 2, 0, 0, {}, 1, "compare_fail", {"0", ">", "0"}},
+         {"top_k: no columns", 1, cpu, 2, 0, 2, 0, 0, {}, 1, "compare_fail", {"0", ">", "0"}},
+         {"top_k: k of 0, with top_k_arr", 0, cpu, 2, 8, 0, 0, 0, {}, 1, "compare_fail", {"0", ">", "0"}},
+         {"top_k: negative rows and k: rows first", 1, dev, -2, 8, -1, 0, 0, {}, 1, "compare_fail", {"-2", ">", "0"}},
+         {"top_k: no rows and a null input: the comparison first", 0, dev, 0, 8, 2, 0, 1, {}, 1, "compare_fail",
+          {"0", ">", "0"}},
+         {"top_k: null input", 1, dev, 2, 8, 2, 0, 1, {}, 1, "invalid_memory", {}},
+         {"top_k: output past device memory", 1, dev, 2, 8, 2, 1, 0x8000000000, {}, 1, "invalid_memory", {}},
+         {"top_k: top_k_arr no memory", 0, dev, 2, 8, 2, 2, 0x1000, {}, 1, "invalid_memory", {}},
+         {"top_k: device type without a path", 1, DeviceType::TSU2, 2, 8, 2, 0, 0, {}, 4, "unimplement", {}},
+         {"top_k: launch fails", 0, dev, 2, 8, 2, 0, 0, tsuemu::Site::Async, 2, "kernel_fail", {"7"}},
+         {"top_p: null context", 2, wrapper_test::kNoContext, 2, 8, 0.5, 0, 0, {}, 1, nullptr, {}},
+         {"top_p: no rows", 2, dev, 0, 8, 0.5, 0, 0, {}, 1, "invalid_shape", {"0", "8"}},
+         {"top_p: no columns", 3, cpu, 2, 0, 0.5, 0, 0, {}, 1, "invalid_shape", {"2", "0"}},
+         {"top_p: 2^32 values on device type 2", 3, DeviceType::TSU2, 65536, 65536, 0.5, 0, 0, {}, 1, "invalid_shape",
+          {}},
+         {"top_p: no rows and a null input: the shape first", 3, cpu, 0, 8, 0.5, 0, 1, {}, 1, "invalid_shape", {}},
+         {"top_p: null output", 3, dev, 2, 8, 0.5, 1, 1, {}, 1, "invalid_memory", {}},
+         {"top_p: top_p_arr no memory", 2, dev, 2, 8, 0.5, 2, 0x1000, {}, 1, "invalid_memory", {}},
+         {"top_p: device type without a path", 2, DeviceType::TSU4, 2, 8, 0.5, 0, 0, {}, 4, "unimplement", {}},
+         {"top_p: configuration fails", 3, dev, 2, 8, 0.5, 0, 0, tsuemu::Site::Config, 2, "kernel_fail", {"7"}}});
 }
 
 }  // namespace
