@@ -1,7 +1,5 @@
 // The token flow's bad calls: regions and comparisons in their order, the
-// device limits and failed device steps told as kernel failures, the debug
-// check of moe_index around the kernels (INFER_OPS_DEBUG, read once, so in
-// a child), and the catalogue's families.
+// device limits and failed device steps told as kernel failures.
 #include <cstdlib>
 #include <functional>
 #include <map>
@@ -99,6 +97,7 @@ TEST(MoeFlowFailure, DeviceFailuresAreToldAsKernelFailures) {
         GuardedBuffer<float> x, y, pe, token_max;
         GuardedBuffer<int> index, stat, moe_index, counts, lod;
         GuardedBuffer<signed char> q;
+        GuardedBuffer<long> lod_long;
     };
     using Op = std::function<int(Context*, Buffers&)>;
     const auto sorted = [](long m, long e, long k, long blocks, bool stat) -> Op {
@@ -123,6 +122,16 @@ TEST(MoeFlowFailure, DeviceFailuresAreToldAsKernelFailures) {
                                                                         nullptr, b.y.data(), 8, 2, 2);
     };
     const Op sum = [](Context* c, Buffers& b) { return infer_ops::moe_sum<float>(c, b.x.data(), b.y.data(), 8, 2, 2); };
+    const Op align = [](Context* c, Buffers& b) {
+        return infer_ops::moe_align_block_size<int>(c, b.index.data(), b.moe_index.data(), b.counts.data(),
+                                                    b.lod.data(), 4, 2, 4);
+    };
+    const Op offsets = [](Context* c, Buffers& b) {
+        return infer_ops::moe_expert_m_to_lod<int, long>(c, b.index.data(), b.lod_long.data(), 4, true);
+    };
+    const Op resort = [](Context* c, Buffers& b) {
+        return infer_ops::moe_resort_idx<int>(c, b.index.data(), b.moe_index.data(), 4, 0);
+    };
     struct Row {
         const char* what;
         DeviceType type;
@@ -152,6 +161,11 @@ TEST(MoeFlowFailure, DeviceFailuresAreToldAsKernelFailures) {
         {"post: second generation", tsu2, post, {}, 0, {"unimplement 2", "kernel_fail 4"}},
         {"sum: launch fails, told once", dev, sum, S::Async, 1, {"kernel_fail 7"}},
         {"sum: second generation", tsu2, sum, {}, 0, {"unimplement 2", "kernel_fail 4"}},
+        {"align: wrapper and entry", dev, align, S::Config, 1, {"kernel_fail 7", "kernel_fail 2"}},
+        {"offsets: wrapper and entry", dev, offsets, S::Async, 1, {"kernel_fail 7", "kernel_fail 2"}},
+        {"offsets: second generation", tsu2, offsets, {}, 0, {"unimplement 2", "kernel_fail 4"}},
+        {"resort: the launch's code against 0", dev, resort, S::Async, 1, {"compare_fail 7 == 0", "kernel_fail 7"}},
+        {"resort: second generation", tsu2, resort, {}, 0, {"unimplement 2", "kernel_fail 4"}},
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.what);
@@ -160,103 +174,17 @@ TEST(MoeFlowFailure, DeviceFailuresAreToldAsKernelFailures) {
         Context* c = ctx.get();
         Buffers b{{c, 2 * kMost}, {c, 2 * kMost}, {c, 4}, {c, 16},
                   {c, std::vector<int>(kMost, 1)}, {c, std::vector<int>(3 * 257, 1)}, {c, kMost}, {c, 257},
-                  {c, 258}, {c, 2 * kMost}};
+                  {c, 258}, {c, 2 * kMost}, {c, 5}};
         TSUOPS_RETURN_IF_SKIPPED();
         for (auto* o : {&b.y, &b.token_max}) o->fill_sentinel();
         LogCapture logs;
         if (r.fault) tsuemu::inject_failure(*r.fault, r.nth, 7);
         EXPECT_EQ(r.op(c, b), 2);
         tsuemu::clear_failures();
-        std::vector<std::string> told;
-        for (const auto& rec : logs.failures()) {
-            std::string line = rec.kind;
-            for (const auto& f : rec.fields) line += " " + f;
-            told.push_back(line);
-        }
-        EXPECT_EQ(told, r.told);
+        EXPECT_EQ(told(logs), r.told);
         const bool untouched = b.y.untouched() && b.moe_index.untouched() && b.lod.untouched() && b.q.untouched() &&
                                b.counts.untouched();
         EXPECT_TRUE(!r.untouched || untouched);
-    }
-}
-
-bool switch_on() {
-    const char* v = std::getenv("INFER_OPS_DEBUG");
-    return v != nullptr && std::strtol(v, nullptr, 10) != 0;
-}
-
-// With the switch on, a bad moe_index stops the combine before its kernel,
-// and a pair of quant_pe without a slot (-1) is found after the gather's
-// kernels; with it off both run.
-TEST(MoeFlowCheckChild, DISABLED_IndexCheckedAroundTheKernels) {
-    const bool on = switch_on();
-    auto dev = emulated_device();
-    GuardedBuffer<float> x(dev.get(), std::vector<float>(8, 1.0f)), y(dev.get(), 4), pe(dev.get(), {2.0f, 3.0f}),
-        token_max(dev.get(), 4);
-    GuardedBuffer<int> bad(dev.get(), std::vector<int>{0, 9, 2, 1}), table(dev.get(), std::vector<int>{0, 5, 1, 1}),
-        moe_index(dev.get(), 4), counts(dev.get(), 2), lod(dev.get(), 3);
-    GuardedBuffer<signed char> q(dev.get(), 8);
-    TSUOPS_RETURN_IF_SKIPPED();
-    const auto run = [&](const std::function<int()>& op, int status, const std::string& out, std::size_t launched) {
-        LogCapture logs;
-        LaunchCapture launches;
-        ::testing::internal::CaptureStdout();
-        EXPECT_EQ(op(), status);
-        EXPECT_EQ(::testing::internal::GetCapturedStdout(), out);
-        EXPECT_EQ(launches.size(), launched);
-        std::vector<std::string> kinds;
-        for (const auto& r : logs.failures()) kinds.push_back(r.kind);
-        EXPECT_EQ(kinds, status ? (std::vector<std::string>{"compare_fail", "kernel_fail"}) : std::vector<std::string>{});
-    };
-    y.fill_sentinel();
-    run([&] {
-        return infer_ops::moe_ffn_post_fusion<float, int, float, float>(dev.get(), x.data(), bad.data(), x.data(),
-                                                                        nullptr, y.data(), 2, 2, 2);
-    },
-        on ? 2 : 0,
-        on ? "moe_ffn_post_fusion(), moe_index[1] = 9 out of [0, 2*2] error\n"
-             "moe_ffn_post_fusion() moe_index error num: 1/4\n"
-           : "",
-        on ? 0 : 1);
-    EXPECT_EQ(y.untouched(), on);
-    run([&] {
-        return infer_ops::moe_ffn_pre_sorted_quant_pe<float, int>(dev.get(), x.data(), table.data(), pe.data(),
-                                                                  nullptr, q.data(), moe_index.data(), counts.data(),
-                                                                  lod.data(), token_max.data(), 2, 2, 2, 2, 0, 0);
-    },
-        on ? 2 : 0,
-        on ? "moe_ffn_pre_sorted_quant_pe(), moe_index[1] = -1 out of [0, 2*2] error\n"
-             "moe_ffn_pre_sorted_quant_pe() moe_index error num: 1/4\n"
-           : "",
-        2);
-    EXPECT_EQ(moe_index.download(), (std::vector<int>{0, -1, 1, 2}));
-}
-
-TEST(MoeFlowCheck, InfersOpsDebugChecksTheIndexAroundTheKernels) {
-    for (const char* value : {"1", static_cast<const char*>(nullptr)}) {
-        std::vector<std::pair<std::string, std::string>> env;
-        if (value) env.emplace_back("INFER_OPS_DEBUG", value);
-        EXPECT_TRUE(run_child("MoeFlowCheckChild.DISABLED_IndexCheckedAroundTheKernels", env, {"INFER_OPS_DEBUG"}))
-            << (value ? value : "unset");
-    }
-}
-
-TEST(MoeFlow, CatalogueHoldsEveryInstanceOfTheFamilies) {
-    std::map<std::string, int> families;
-    for (const auto& k : infer_ops::kernel_catalogue()) {
-        if (k.engine == 0) ++families[k.family];
-    }
-    for (const auto& [family, count] : std::map<std::string, int>{{"expand_expert_max_to_token_max", 1},
-                                                                  {"infer_moe_ffn_pre_fusion_split_m", 1},
-                                                                  {"infer_moe_ffn_pre_sorted", 3},
-                                                                  {"infer_moe_ffn_pre_sorted_split_m", 3},
-                                                                  {"infer_moe_ffn_pre_sorted_split_m_large", 3},
-                                                                  {"moe_ffn_pre_sorted_quant_pe", 3},
-                                                                  {"moe_ffn_pre_sorted_quant_pe_split_m", 3},
-                                                                  {"moe_ffn_pre_sorted_quant_pe_split_m_large", 3},
-                                                                  {"infer_moe_ffn_post_fusion", 5},
-                                                                  {"infer_moe_sum", 3}}) {
-        EXPECT_EQ(families[family], count) << family;
     }
 }
 

@@ -1,7 +1,7 @@
 // The index operators of the token flow: the worked example of the slot
 // order on both paths; random routing tables device against host bit for bit,
 // with their launches, and against the properties that tie the arrays
-// together; expert numbers out of range; bad calls; the catalogue's families.
+// together; expert numbers out of range; bad calls.
 #include <algorithm>
 #include <functional>
 #include <map>
@@ -281,63 +281,6 @@ TEST(MoeIndexFailure, StatusLogAndNothingWritten) {
           {"0", ">", "0"}},
          {"offsets: null counts", 4, cpu, 0, 4, 0, 0, 1, {}, 1, "invalid_memory", {}},
          {"offsets: another device type does nothing", 4, other, 0, 4, 1, 0, 0, {}, 0, nullptr, {}}});
-}
-
-// Failures told twice, or as a compare failure and then a kernel failure.
-TEST(MoeIndexFailure, KernelFailuresAreToldAsDocumented) {
-    using S = tsuemu::Site;
-    const auto dev = DeviceType::TSU3, tsu2 = DeviceType::TSU2;
-    const std::vector<std::tuple<const char*, DeviceType, std::optional<S>, int, std::vector<std::string>>> rows = {
-        {"align: wrapper and entry", dev, S::Config, 0, {"kernel_fail 7", "kernel_fail 2"}},
-        {"offsets: wrapper and entry", dev, S::Async, 1, {"kernel_fail 7", "kernel_fail 2"}},
-        {"offsets on the second generation", tsu2, std::nullopt, 1, {"unimplement 2", "kernel_fail 4"}},
-        {"resort: the launch's code against 0", dev, S::Async, 2, {"compare_fail 7 == 0", "kernel_fail 7"}},
-        {"resort on the second generation", tsu2, std::nullopt, 2, {"unimplement 2", "kernel_fail 4"}},
-    };
-    for (const auto& [what, type, fault, op, want] : rows) {
-        SCOPED_TRACE(what);
-        if (type == tsu2 && !tsuemu::gm_available(2)) continue;
-        auto ctx = make_context(type);
-        GuardedBuffer<int> in(ctx.get(), std::vector<int>{1, 0, 3, 2}), out(ctx.get(), 8), e(ctx.get(), 8), t(ctx.get(), 1);
-        GuardedBuffer<long> lod(ctx.get(), 5);
-        TSUOPS_RETURN_IF_SKIPPED();
-        out.fill_sentinel();
-        LogCapture logs;
-        if (fault) tsuemu::inject_failure(*fault, 1, 7);
-        const int st = op == 0   ? infer_ops::moe_align_block_size<int>(ctx.get(), in.data(), out.data(), e.data(),
-                                                                          t.data(), 4, 2, 4)
-                       : op == 1 ? infer_ops::moe_expert_m_to_lod<int, long>(ctx.get(), in.data(), lod.data(), 4, true)
-                                 : infer_ops::moe_resort_idx<int>(ctx.get(), in.data(), out.data(), 4, 0);
-        tsuemu::clear_failures();
-        EXPECT_EQ(st, 2);
-        std::vector<std::string> told;
-        for (const auto& r : logs.failures()) {
-            std::string line = r.kind;
-            for (const auto& f : r.fields) line += " " + f;
-            told.push_back(line);
-        }
-        EXPECT_EQ(told, want);
-        EXPECT_TRUE(out.untouched());
-    }
-}
-
-TEST(MoeIndex, CatalogueHoldsEveryInstanceOfTheFamilies) {
-    std::map<std::string, int> families;
-    std::map<std::string, std::uint64_t> engines;
-    for (const auto& k : infer_ops::kernel_catalogue()) {
-        ++families[k.family];
-        engines[k.family] = k.engine;
-    }
-    for (const auto& [family, count] : std::map<std::string, int>{{"infer_moe_softmax_topk", 18},
-                                                                  {"gen_block_statistic", 1},
-                                                                  {"infer_moe_align_block_size", 1},
-                                                                  {"infer_moe_expert_m_to_lod", 4},
-                                                                  {"infer_moe_expert_m_to_lod_gmx", 4},
-                                                                  {"infer_moe_sorted_topk_idx", 1},
-                                                                  {"moe_resort_idx", 2}}) {
-        EXPECT_EQ(families[family], count) << family;
-        EXPECT_EQ(engines[family], family.ends_with("_gmx") ? 1u : 0u) << family;
-    }
 }
 
 }  // namespace
