@@ -1,8 +1,7 @@
 // The combining operators: moe_ffn_post_fusion in its five type pairs and
 // moe_sum, device against host bit for bit and both against the documented
 // rounding points, computed here per token, with the factor that follows
-// the slot; and one MoE layer end to end (router, gather, an expert
-// transformation here, combine) against the same layer computed per token.
+// the slot.
 //
 // The expected values name every rounding step; none may be contracted.
 #pragma GCC optimize("fp-contract=off")
@@ -244,81 +243,6 @@ TYPED_TEST(MoeSum, DeviceAndHostRoundAfterEveryAddition) {
                                                                                         ">(" + spelled<T>() +
                                                                                         " const*, " + spelled<T>() +
                                                                                         "*, long, long, long)"});
-        }
-    }
-}
-
-template <class P>
-class MoeLayer : public ::testing::Test {};
-TYPED_TEST_SUITE(MoeLayer, AllPairs, PairNames);
-
-// Gate logits -> moe_softmax_topk -> moe_ffn_pre_sorted -> per expert e the
-// rows of its slots become a_e * row + b_e, here -> moe_ffn_post_fusion with
-// a factor per slot of the slot's expert; equal, on each path, to the same
-// layer computed token by token from the router's choices.
-TYPED_TEST(MoeLayer, RouterGatherExpertsCombineEqualsTheLayerPerToken) {
-    using T = typename TypeParam::X;
-    using TS = typename TypeParam::W;
-    struct Layer {
-        long m, n, k, d, block_num;
-    };
-    for (const Layer& l : {Layer{37, 16, 4, 96, 3}, Layer{5, 8, 2, 40, 0}, Layer{1000, 8, 2, 24, 4}}) {
-        SCOPED_TRACE("m " + std::to_string(l.m) + " blocks " + std::to_string(l.block_num));
-        const long pairs = l.m * l.k;
-        const auto logits = random_tensor<T>(l.m * l.n, l.m, RandomSpec::range(-3, 3));
-        const auto x = random_tensor<T>(l.m * l.d, l.m + 1, RandomSpec::range(-2, 2));
-        const auto a = random_tensor<float>(l.n, l.m + 2, RandomSpec::range(-1.5, 1.5));
-        const auto b = random_tensor<float>(l.n, l.m + 3, RandomSpec::range(-0.5, 0.5));
-        const auto expert = [&](long e, T v) { return T(f32(v) * a[e] + b[e]); };
-        const auto factor = [](long e) { return 1.0f + static_cast<float>(e) / 8; };
-        for (const auto& ctx : {reference_context(), emulated_device()}) {
-            GuardedBuffer<T> g_logits(ctx.get(), logits), gx(ctx.get(), x), gy(ctx.get(), pairs * l.d),
-                out(ctx.get(), l.m * l.d);
-            GuardedBuffer<TS> score(ctx.get(), pairs);
-            GuardedBuffer<int> choice(ctx.get(), pairs), stat(ctx.get(), std::max(l.block_num, 1L) * l.n),
-                moe_index(ctx.get(), pairs), expert_m(ctx.get(), l.n), lod(ctx.get(), l.n + 1);
-            TSUOPS_RETURN_IF_SKIPPED();
-            ASSERT_EQ((infer_ops::moe_softmax_topk<T, TS, int>(ctx.get(), g_logits.data(), score.data(), choice.data(),
-                                                               stat.data(), l.m, l.n, l.k, l.block_num)),
-                      0);
-            ASSERT_EQ((infer_ops::moe_ffn_pre_sorted<T, int>(ctx.get(), gx.data(), choice.data(),
-                                                             l.block_num ? stat.data() : nullptr, gy.data(),
-                                                             moe_index.data(), expert_m.data(), lod.data(), l.m, l.d,
-                                                             l.n, l.k, l.block_num)),
-                      0);
-            auto rows = gy.download();
-            const auto offsets = lod.download();
-            std::vector<float> dequant(pairs);
-            for (long e = 0; e < l.n; ++e) {
-                for (long s = offsets[e]; s < offsets[e + 1]; ++s) {
-                    dequant[s] = factor(e);
-                    for (long c = 0; c < l.d; ++c) rows[s * l.d + c] = expert(e, rows[s * l.d + c]);
-                }
-            }
-            gy.upload(rows);
-            GuardedBuffer<float> gd(ctx.get(), dequant);
-            ASSERT_EQ((infer_ops::moe_ffn_post_fusion<T, int, float, TS>(ctx.get(), gy.data(), moe_index.data(),
-                                                                         score.data(), gd.data(), out.data(), l.m,
-                                                                         l.d, l.k)),
-                      0);
-
-            const auto chosen = choice.download();
-            const auto weights = score.download();
-            std::vector<T> want(l.m * l.d), xs(l.k);
-            std::vector<TS> ss(l.k);
-            std::vector<float> fs(l.k);
-            for (long t = 0; t < l.m; ++t) {
-                for (long c = 0; c < l.d; ++c) {
-                    for (long j = 0; j < l.k; ++j) {
-                        const long e = chosen[t * l.k + j];
-                        xs[j] = expert(e, x[t * l.d + c]);
-                        ss[j] = weights[t * l.k + j];
-                        fs[j] = factor(e);
-                    }
-                    want[t * l.d + c] = combine_model<T, TS>(xs, ss, fs);
-                }
-            }
-            EXPECT_TRUE(exactly_equal(want, out.download())) << "device type " << ctx->dev_type;
         }
     }
 }
