@@ -30,52 +30,40 @@ float f32(T v) {
 
 float bf16_rn_bits(float v) { return std::bit_cast<float>((std::bit_cast<std::uint32_t>(v) + 0x8000u) & 0xffff0000u); }
 
-// One output element of moe_ffn_post_fusion from its k contributions,
-// rounded where the operator documents it: float in double steps; (float16,
-// float) in float; (float16, float16) in float16 after the copy of the row,
-// the weight, every product and every sum; bfloat16 after every expert, by
+// Every output of moe_ffn_post_fusion from its k contributions (the row of
+// the pair's slot, the score times the factor of that slot), rounded where
+// the operator documents it: float in double steps; (float16, float) in
+// float; (float16, float16) in float16 after the copy of the row, the weight,
+// every product and every sum; bfloat16 after every expert, by
 // (bits + 0x8000) >> 16, the first expert a plain product.
 template <class T, class TS>
-T combine_model(const std::vector<T>& xs, const std::vector<TS>& scores, const std::vector<float>& factors) {
-    float acc = 0.0f;
-    for (std::size_t j = 0; j < xs.size(); ++j) {
-        const float w = f32(scores[j]) * factors[j];
-        const float x = f32(xs[j]);
-        if constexpr (std::is_same_v<T, float>) {
-            acc = static_cast<float>(static_cast<double>(x) * static_cast<double>(w) + static_cast<double>(acc));
-        } else if constexpr (std::is_same_v<T, bfloat16>) {
-            acc = j == 0 ? bf16_rn_bits(x * w)
-                         : bf16_rn_bits(static_cast<float>(static_cast<double>(x) * static_cast<double>(w) +
-                                                           static_cast<double>(acc)));
-        } else if constexpr (std::is_same_v<TS, float>) {
-            const float p = x * w;
-            acc = acc + p;
-        } else {
-            const float p = f32(float16(f32(float16(x)) * f32(float16(w))));
-            acc = f32(float16(acc + p));
-        }
-    }
-    if constexpr (std::is_same_v<T, bfloat16>) return bfloat16::from_bits(static_cast<std::uint16_t>(std::bit_cast<std::uint32_t>(acc) >> 16));
-    else return T(acc);
-}
-
-// Every output of moe_ffn_post_fusion by the model.
-template <class T, class TS>
-std::vector<T> combined(const std::vector<T>& x, const std::vector<int>& moe_index, const std::vector<TS>& score,
+std::vector<T> combined(const std::vector<T>& xs, const std::vector<int>& moe_index, const std::vector<TS>& score,
                         const std::vector<float>* dequant, long m, long d, long k) {
     std::vector<T> y(static_cast<std::size_t>(m * d));
-    std::vector<T> xs(k);
-    std::vector<TS> ss(k);
-    std::vector<float> fs(k);
     for (long t = 0; t < m; ++t) {
         for (long c = 0; c < d; ++c) {
+            float acc = 0.0f;
             for (long j = 0; j < k; ++j) {
                 const int s = moe_index[t * k + j];
-                xs[j] = x[s * d + c];
-                ss[j] = score[t * k + j];
-                fs[j] = dequant ? (*dequant)[s] : 1.0f;
+                const float w = f32(score[t * k + j]) * (dequant ? (*dequant)[s] : 1.0f), x = f32(xs[s * d + c]);
+                const double exact = static_cast<double>(x) * static_cast<double>(w) + static_cast<double>(acc);
+                if constexpr (std::is_same_v<T, float>) {
+                    acc = static_cast<float>(exact);
+                } else if constexpr (std::is_same_v<T, bfloat16>) {
+                    acc = bf16_rn_bits(j == 0 ? x * w : static_cast<float>(exact));
+                } else if constexpr (std::is_same_v<TS, float>) {
+                    const float p = x * w;
+                    acc = acc + p;
+                } else {
+                    const float p = f32(float16(f32(float16(x)) * f32(float16(w))));
+                    acc = f32(float16(acc + p));
+                }
             }
-            y[t * d + c] = combine_model<T, TS>(xs, ss, fs);
+            if constexpr (std::is_same_v<T, bfloat16>) {
+                y[t * d + c] = bfloat16::from_bits(static_cast<std::uint16_t>(std::bit_cast<std::uint32_t>(acc) >> 16));
+            } else {
+                y[t * d + c] = T(acc);
+            }
         }
     }
     return y;
