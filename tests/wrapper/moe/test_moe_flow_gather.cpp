@@ -46,23 +46,19 @@ struct GatherShape {
 // blocks beyond the tokens, the nullable arrays left out, and expert numbers
 // out of range.
 std::vector<GatherShape> gather_shapes() {
-    std::vector<GatherShape> s;
+    std::vector<GatherShape> s = {{flow::kLargeSplitPairs / 4 - 1, 5, 32, 4, 12, false},
+                                  {flow::kLargeSplitPairs / 4, 5, 32, 4, 12, false},
+                                  {flow::kMaxPairsWithoutStatistic / 4, 2, 256, 4, 0},
+                                  {flow::kMaxPairsWithoutStatistic / 4 + 1, 2, 256, 4, 0},
+                                  {1, 4000, 8, 8, 0}, {2, 3000, 256, 8, 4}, {300, 64, 16, 4, 0},
+                                  {3, 7, 4, 2, 7, true, false, false}, {6, 33, 1, 3, 0, false, true, false, 5},
+                                  {40, 17, 6, 3, 3, false, false, true, 9, 11}};
     for (long dd : {-1, 0, 1}) {
         s.push_back({flow::kLargeSplitPairs + dd, 3, 16, 1, 5});
         s.push_back({flow::kMaxPairsWithoutStatistic + dd, 2, 8, 1, 0, false});
         s.push_back({flow::kMaxFlowChoices + dd, 8, 80, flow::kMaxFlowChoices + dd, 2});
         s.push_back({9, 8, flow::kMaxFlowExperts + dd, 4, 0, false});
     }
-    s.push_back({flow::kLargeSplitPairs / 4 - 1, 5, 32, 4, 12, false});
-    s.push_back({flow::kLargeSplitPairs / 4, 5, 32, 4, 12, false});
-    s.push_back({flow::kMaxPairsWithoutStatistic / 4, 2, 256, 4, 0});
-    s.push_back({flow::kMaxPairsWithoutStatistic / 4 + 1, 2, 256, 4, 0});
-    s.push_back({1, 4000, 8, 8, 0});
-    s.push_back({2, 3000, 256, 8, 4});
-    s.push_back({300, 64, 16, 4, 0});
-    s.push_back({3, 7, 4, 2, 7, true, false, false});
-    s.push_back({6, 33, 1, 3, 0, false, true, false, 5});
-    s.push_back({40, 17, 6, 3, 3, false, false, true, 9, 11});
     return s;
 }
 
