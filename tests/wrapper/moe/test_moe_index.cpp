@@ -3,10 +3,8 @@
 // with their launches, and against the properties that tie the arrays
 // together; expert numbers out of range; bad calls.
 #include <algorithm>
-#include <functional>
-#include <map>
 #include <numeric>
-#include <optional>
+#include <tuple>
 #include <string>
 #include <vector>
 
@@ -218,9 +216,10 @@ TEST(MoeIndex, ValuesOutOfRange) {
 // long above it (too large to run here, so the table itself).
 TEST(MoeIndex, ResortCountTypeAcrossTheLimit) {
     namespace sel = infer_ops::moe_select;
-    EXPECT_EQ(sel::resort_kernel(sel::kResortIntCount - 1), sel::ResortKernel::int_count);
-    EXPECT_EQ(sel::resort_kernel(sel::kResortIntCount), sel::ResortKernel::int_count);
-    EXPECT_EQ(sel::resort_kernel(sel::kResortIntCount + 1), sel::ResortKernel::long_count);
+    for (long d : {-1, 0, 1}) {
+        EXPECT_EQ(sel::resort_kernel(sel::kResortIntCount + d),
+                  d < 1 ? sel::ResortKernel::int_count : sel::ResortKernel::long_count);
+    }
 }
 
 }  // namespace
