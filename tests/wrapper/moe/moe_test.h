@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -77,6 +78,22 @@ template <class R>
 std::string router_kernel(const std::string& family) {
     return "tsu3::" + family + "<" + spelled<typename R::TX>() + ", " + spelled<typename R::TY>() + ", " +
            spelled<typename R::TID>() + ">(";
+}
+
+// The failure records of a capture, each as its kind and fields in one line.
+inline std::vector<std::string> told(const LogCapture& logs, bool fields = true) {
+    std::vector<std::string> lines;
+    for (const auto& r : logs.failures()) {
+        lines.push_back(r.kind);
+        for (const auto& f : r.fields) lines.back() += fields ? " " + f : "";
+    }
+    return lines;
+}
+
+// INFER_OPS_DEBUG as the library reads it: on for a non-zero number.
+inline bool debug_switch_on() {
+    const char* v = std::getenv("INFER_OPS_DEBUG");
+    return v != nullptr && std::strtol(v, nullptr, 10) != 0;
 }
 
 }  // namespace moe_test

@@ -4,8 +4,8 @@
 // quantised rows against rule Q8; moe_ffn_pre_fusion against the sorted
 // index of the same table.
 #include <algorithm>
+#include <array>
 #include <cmath>
-#include <limits>
 #include <string>
 #include <vector>
 
@@ -45,23 +45,19 @@ struct GatherShape {
 // blocks beyond the tokens, the nullable arrays left out, and expert numbers
 // out of range.
 std::vector<GatherShape> gather_shapes() {
-    std::vector<GatherShape> s;
+    std::vector<GatherShape> s = {{flow::kLargeSplitPairs / 4 - 1, 5, 32, 4, 12, false},
+                                  {flow::kLargeSplitPairs / 4, 5, 32, 4, 12, false},
+                                  {flow::kMaxPairsWithoutStatistic / 4, 2, 256, 4, 0},
+                                  {flow::kMaxPairsWithoutStatistic / 4 + 1, 2, 256, 4, 0},
+                                  {1, 4000, 8, 8, 0}, {2, 3000, 256, 8, 4}, {300, 64, 16, 4, 0},
+                                  {3, 7, 4, 2, 7, true, false, false}, {6, 33, 1, 3, 0, false, true, false, 5},
+                                  {40, 17, 6, 3, 3, false, false, true, 9, 11}};
     for (long dd : {-1, 0, 1}) {
         s.push_back({flow::kLargeSplitPairs + dd, 3, 16, 1, 5});
         s.push_back({flow::kMaxPairsWithoutStatistic + dd, 2, 8, 1, 0, false});
         s.push_back({flow::kMaxFlowChoices + dd, 8, 80, flow::kMaxFlowChoices + dd, 2});
         s.push_back({9, 8, flow::kMaxFlowExperts + dd, 4, 0, false});
     }
-    s.push_back({flow::kLargeSplitPairs / 4 - 1, 5, 32, 4, 12, false});
-    s.push_back({flow::kLargeSplitPairs / 4, 5, 32, 4, 12, false});
-    s.push_back({flow::kMaxPairsWithoutStatistic / 4, 2, 256, 4, 0});
-    s.push_back({flow::kMaxPairsWithoutStatistic / 4 + 1, 2, 256, 4, 0});
-    s.push_back({1, 4000, 8, 8, 0});
-    s.push_back({2, 3000, 256, 8, 4});
-    s.push_back({300, 64, 16, 4, 0});
-    s.push_back({3, 7, 4, 2, 7, true, false, false});
-    s.push_back({6, 33, 1, 3, 0, false, true, false, 5});
-    s.push_back({40, 17, 6, 3, 3, false, false, true, 9, 11});
     return s;
 }
 
@@ -116,6 +112,7 @@ std::vector<T> token_rows(const GatherShape& s, std::uint64_t seed) {
         v[s.d + c] = T(0.75f);
         v[2 * s.d + c] = T(c % 2 ? 2.0f : -2.0f);
     }
+    if (s.m > 2) v[2 * s.d] = T(2.5f / 127 * 2);  // half a step of scale 2
     return v;
 }
 
@@ -147,6 +144,24 @@ std::vector<std::string> expected_kernels(const GatherShape& s, bool quant) {
     return k;
 }
 
+// The host's quantised rows against rule Q8 with the maximum of each pair's
+// expert, element by element; pairs routed outside the experts have no slot.
+template <class T>
+void expect_rule_q8(const Gathered<T>& g, const GatherShape& s, const std::vector<T>& xs,
+                    const std::vector<int>& table, const std::vector<float>& maxima) {
+    const auto q = g.q.download(), slot = g.moe_index.download(), token_max = g.token_max.download();
+    for (long p = 0; p < s.pairs(); ++p) {
+        if (table[p] < 0 || table[p] >= s.e) continue;
+        const float sc = maxima[table[p]];
+        EXPECT_TRUE(!s.counts || token_max[slot[p]] == sc);
+        for (long c = 0; c < s.d; ++c) {
+            const float v = static_cast<float>(xs[p / s.k * s.d + c]);
+            ASSERT_EQ(q[slot[p] * s.d + c], (orvane::tsu::api::__fp32_to_intx<signed char, 127>(v, sc)))
+                << "pair " << p << " column " << c << " value " << v << " scale " << sc;
+        }
+    }
+}
+
 template <class T>
 class MoeGather : public ::testing::Test {};
 TYPED_TEST_SUITE(MoeGather, HalfAndFloatTypes, ElementTypeNames);
@@ -162,13 +177,16 @@ TYPED_TEST(MoeGather, DeviceMatchesHostAcrossTheKernelChoiceAndTheLimits) {
         const auto table = table_with_strays(s, seed);
         const auto stat = statistic(table, s);
         auto maxima = random_tensor<float>(s.e, seed, RandomSpec::range(0.5, 4));
+        // Scale 2 (row 2 holds +-2), 0 (every value saturates by its sign), tiny, infinite.
         if (s.e > 2) maxima[1] = 0.0f;
+        for (std::size_t i = 0; i < 4 && s.e > 4; ++i) maxima[i] = std::array{2.0f, 0.0f, 1e-38f, INFINITY}[i];
         for (bool quant : {false, true}) {
             SCOPED_TRACE(quant ? "quant_pe" : "copy");
             Gathered<T> want(host.get(), s, xs, table, stat, maxima, quant);
             Gathered<T> got(dev.get(), s, xs, table, stat, maxima, quant);
             TSUOPS_RETURN_IF_SKIPPED();
             ASSERT_EQ(want.status, 0);
+            if (quant) expect_rule_q8(want, s, xs, table, maxima);
             EXPECT_EQ(got.kernels, expected_kernels(s, quant));
             if (!s.device_accepts()) {
                 EXPECT_EQ(got.status, 2);
@@ -187,86 +205,45 @@ TYPED_TEST(MoeGather, DeviceMatchesHostAcrossTheKernelChoiceAndTheLimits) {
     }
 }
 
-// Rows quantised by rule Q8 against the expert's maximum: the library's
-// rule per element, with specials, values at +-s, and experts whose maximum
-// is 0 (every value saturates by its sign), tiny or infinite.
-TYPED_TEST(MoeGather, QuantisedRowsFollowRuleQ8WithTheExpertMaximum) {
-    using T = TypeParam;
-    const GatherShape s{11, 37, 5, 2, 2};
-    const auto table = table_with_strays(s, 11);
-    std::vector<T> xs = token_rows<T>(s, 11);
-    xs[5] = T(2.5f / 127 * 3);
-    xs[6] = T(-3.0f);
-    xs[7] = T(3.0f);
-    const std::vector<float> maxima = {3.0f, 0.0f, 1e-38f, std::numeric_limits<float>::infinity(), 0.5f};
-    for (const auto& ctx : {reference_context(), emulated_device()}) {
-        Gathered<T> g(ctx.get(), s, xs, table, statistic(table, s), maxima, true);
-        TSUOPS_RETURN_IF_SKIPPED();
-        ASSERT_EQ(g.status, 0);
-        const auto q = g.q.download(), moe_index = g.moe_index.download();
-        const auto token_max = g.token_max.download();
-        for (long p = 0; p < s.pairs(); ++p) {
-            const float sc = maxima[table[p]];
-            const long slot = moe_index[p];
-            EXPECT_EQ(token_max[slot], sc);
-            for (long c = 0; c < s.d; ++c) {
-                const float v = static_cast<float>(xs[p / s.k * s.d + c]);
-                ASSERT_EQ(q[slot * s.d + c], (orvane::tsu::api::__fp32_to_intx<signed char, 127>(v, sc)))
-                    << "pair " << p << " column " << c << " value " << v << " scale " << sc << " on " << ctx->dev_type;
-            }
-        }
-    }
-}
-
-// moe_ffn_pre_fusion: the same arrays on both paths; equal to those of
-// moe_sorted_topk_idx where that takes the experts, and the inverse of the
-// scatter form of moe_ffn_pre_sorted where that does.
+// moe_ffn_pre_fusion on both paths: the order of moe_sorted_topk_idx where
+// that takes the experts, and the inverse of the scatter form of
+// moe_ffn_pre_sorted where that does.
 TEST(MoePreFusion, GatherFormOfTheSortedIndexOnBothPaths) {
-    struct Shape {
-        long m, n, k;
-    };
-    for (const Shape& sh : {Shape{1, 1, 1}, Shape{5, 3, 3}, Shape{100, 64, 8}, Shape{301, 500, 6},
-                            Shape{40, flow::kPreFusionExpertLimit - 1, 4}}) {
-        SCOPED_TRACE("m " + std::to_string(sh.m) + " n " + std::to_string(sh.n) + " k " + std::to_string(sh.k));
-        const long pairs = sh.m * sh.k;
-        const auto table = routing_table(sh.m, sh.k, sh.n, sh.m + sh.n, sh.m % 2 == 1);
-        const GatherShape gs{sh.m, 1, sh.n, sh.k, flow::kPreFusionBlocks};
+    for (const auto& [m, n, k] : std::vector<std::array<long, 3>>{
+             {1, 1, 1}, {5, 3, 3}, {100, 64, 8}, {301, 500, 6}, {40, flow::kPreFusionExpertLimit - 1, 4}}) {
+        SCOPED_TRACE(::testing::PrintToString(std::array{m, n, k}));
+        const auto table = routing_table(m, k, n, m + n, m % 2 == 1);
         std::vector<std::vector<int>> results;
         for (const auto& ctx : {reference_context(), emulated_device()}) {
-            GuardedBuffer<int> t(ctx.get(), table), stat(ctx.get(), statistic(table, gs)), gather(ctx.get(), pairs),
-                lod(ctx.get(), sh.n + 1), sorted(ctx.get(), pairs), sorted_lod(ctx.get(), sh.n + 1),
-                scatter(ctx.get(), pairs), scatter_lod(ctx.get(), sh.n + 1), back(ctx.get(), pairs);
+            Context* c = ctx.get();
+            GuardedBuffer<int> t(c, table), stat(c, statistic(table, {m, 1, n, k, flow::kPreFusionBlocks})),
+                gather(c, m * k), lod(c, n + 1), other(c, m * k), other_lod(c, n + 1), back(c, m * k);
             TSUOPS_RETURN_IF_SKIPPED();
             LaunchCapture launches;
-            ASSERT_EQ(infer_ops::moe_ffn_pre_fusion<int>(ctx.get(), t.data(), stat.data(), gather.data(), lod.data(),
-                                                         sh.m, sh.n, sh.k, flow::kPreFusionBlocks),
+            ASSERT_EQ(infer_ops::moe_ffn_pre_fusion<int>(c, t.data(), stat.data(), gather.data(), lod.data(), m, n, k,
+                                                         flow::kPreFusionBlocks),
                       0);
-            if (ctx->dev_type != 0) {
+            if (c->dev_type != 0) {
                 ASSERT_EQ(launches.size(), 1u);
-                const auto r = launches.records()[0];
-                EXPECT_EQ(r.kernel.rfind("tsu3::infer_moe_ffn_pre_fusion_split_m<int>(", 0), 0u);
-                EXPECT_EQ(LaunchCapture::arg<long>(r, 56), flow::kPreFusionBlocks);
+                EXPECT_EQ(launches.records()[0].kernel.rfind("tsu3::infer_moe_ffn_pre_fusion_split_m<int>(", 0), 0u);
+                EXPECT_EQ(LaunchCapture::arg<long>(launches.records()[0], 56), flow::kPreFusionBlocks);
             }
             results.push_back(gather.download());
             results.push_back(lod.download());
-            if (sh.n < tsuops::kernels::moe::kSortedTopkExpertLimit) {
-                ASSERT_EQ(infer_ops::moe_sorted_topk_idx<int>(ctx.get(), t.data(), sorted_lod.data(), sorted.data(),
-                                                              sh.m, sh.k, sh.n),
-                          0);
-                EXPECT_EQ(results.end()[-2], sorted.download());
-                EXPECT_EQ(results.back(), sorted_lod.download());
+            if (n < tsuops::kernels::moe::kSortedTopkExpertLimit) {
+                ASSERT_EQ(infer_ops::moe_sorted_topk_idx<int>(c, t.data(), other_lod.data(), other.data(), m, k, n), 0);
+                EXPECT_EQ(results.end()[-2], other.download());
+                EXPECT_EQ(results.back(), other_lod.download());
             }
-            if (sh.n <= flow::kMaxFlowExperts) {
-                ASSERT_EQ((infer_ops::moe_ffn_pre_sorted<float, int>(ctx.get(), nullptr, t.data(), nullptr, nullptr,
-                                                               scatter.data(), nullptr, scatter_lod.data(), sh.m, 1,
-                                                               sh.n, sh.k, 0)),
+            if (n <= flow::kMaxFlowExperts) {
+                ASSERT_EQ((infer_ops::moe_ffn_pre_sorted<float, int>(c, nullptr, t.data(), nullptr, nullptr, other.data(),
+                                                                     nullptr, other_lod.data(), m, 1, n, k, 0)),
                           0);
-                ASSERT_EQ(infer_ops::moe_resort_idx<int>(ctx.get(), scatter.data(), back.data(), pairs, 0), 0);
+                ASSERT_EQ(infer_ops::moe_resort_idx<int>(c, other.data(), back.data(), m * k, 0), 0);
                 EXPECT_EQ(back.download(), results.end()[-2]);
             }
         }
-        EXPECT_EQ(results[0], results[2]);
-        EXPECT_EQ(results[1], results[3]);
+        EXPECT_TRUE(results[0] == results[2] && results[1] == results[3]);
     }
 }
 

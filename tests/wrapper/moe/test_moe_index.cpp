@@ -1,12 +1,10 @@
 // The index operators of the token flow: the worked example of the slot
 // order on both paths; random routing tables device against host bit for bit,
 // with their launches, and against the properties that tie the arrays
-// together; expert numbers out of range; bad calls; the catalogue's families.
+// together; expert numbers out of range; bad calls.
 #include <algorithm>
-#include <functional>
-#include <map>
 #include <numeric>
-#include <optional>
+#include <tuple>
 #include <string>
 #include <vector>
 
@@ -218,125 +216,9 @@ TEST(MoeIndex, ValuesOutOfRange) {
 // long above it (too large to run here, so the table itself).
 TEST(MoeIndex, ResortCountTypeAcrossTheLimit) {
     namespace sel = infer_ops::moe_select;
-    EXPECT_EQ(sel::resort_kernel(sel::kResortIntCount - 1), sel::ResortKernel::int_count);
-    EXPECT_EQ(sel::resort_kernel(sel::kResortIntCount), sel::ResortKernel::int_count);
-    EXPECT_EQ(sel::resort_kernel(sel::kResortIntCount + 1), sel::ResortKernel::long_count);
-}
-
-// Calls of int buffers p[0..]; m, n and the row's parameter as each call
-// says.
-TEST(MoeIndexFailure, StatusLogAndNothingWritten) {
-    using wrapper_test::as;
-    const auto i = [](void* p) { return as<int>(p); };
-    const std::vector<wrapper_test::Call> calls = {
-        [&](Context* c, void* const* p, long m, long n, double k) {  // k in the parameter
-            return infer_ops::moe_sorted_topk_idx<int>(c, i(p[0]), i(p[1]), i(p[2]), m, static_cast<long>(k), n);
-        },
-        [&](Context* c, void* const* p, long m, long n, double) {  // count m
-            return infer_ops::moe_resort_idx<int>(c, i(p[0]), i(p[1]), m, n);
-        },
-        [&](Context* c, void* const* p, long m, long n, double bs) {  // numel m, block_size in the parameter
-            return infer_ops::moe_align_block_size<int>(c, i(p[0]), i(p[1]), i(p[2]), i(p[3]), n,
-                                                        static_cast<long>(bs), m);
-        },
-        [&](Context* c, void* const* p, long m, long n, double blocks) {  // k 2, block_num in the parameter
-            return infer_ops::gen_block_statistic<int>(c, i(p[0]), i(p[1]), m, n, 2, static_cast<long>(blocks));
-        },
-        [&](Context* c, void* const* p, long, long n, double gmx) {
-            return infer_ops::moe_expert_m_to_lod<int, long>(c, i(p[0]), as<long>(p[1]), n, gmx != 0);
-        },
-    };
-    const auto cpu = DeviceType::CPU, dev = DeviceType::TSU3, other = DeviceType::TSU4;
-    using S = tsuemu::Site;
-    wrapper_test::expect_failures(
-        calls, {1, 2, 3},
-        {{"sorted: null context", 0, wrapper_test::kNoContext, 2, 4, 2, 0, 0, {}, 1, nullptr, {}},
-         {"sorted: n below k, and too many experts: n >= k first", 0, dev, 2, 600, 700, 0, 0, {}, 1, "compare_fail",
-          {"600", ">=", "700"}},
-         {"sorted: no tokens", 0, cpu, 0, 4, 2, 0, 0, {}, 1, "compare_fail", {"0", ">", "0"}},
-         {"sorted: no choices", 0, dev, 2, 4, 0, 0, 0, {}, 1, "compare_fail", {"0", ">", "0"}},
-         {"sorted: 513 experts and a null table: the limit first", 0, dev, 2, 513, 2, 0, 1, {}, 1, "compare_fail",
-          {"513", "<", "513"}},
-         {"sorted: every pointer bad: the table first", 0, dev, 2, 4, 2, -1, 0x1000, {}, 1, "invalid_memory",
-          {"", "0x1000", "{4}", "{1}", "input"}},
-         {"sorted: offsets no memory", 0, dev, 2, 4, 2, 1, 0x1000, {}, 1, "invalid_memory", {}},
-         {"sorted: launch fails", 0, dev, 2, 4, 2, 0, 0, S::Config, 2, "kernel_fail", {"7"}},
-         {"sorted: device type without a path", 0, other, 2, 4, 2, 0, 0, {}, 4, "unimplement", {}},
-         {"resort: nothing to resort", 1, dev, 0, 0, 0, 0, 0, {}, 1, "invalid_memory", {}},
-         {"resort: output past device memory", 1, dev, 5, 0, 0, 1, 0x8000000000, {}, 1, "invalid_memory", {}},
-         {"resort: another device type does nothing", 1, other, 5, 0, 0, 0, 0, {}, 0, nullptr, {}},
-         {"align: block_size 0 and no pairs: the size first", 2, dev, 0, 4, 0, 0, 0, {}, 1, "compare_fail",
-          {"0", ">", "0"}},
-         {"align: no pairs", 2, cpu, 0, 4, 2, 0, 0, {}, 1, "invalid_memory", {}},
-         {"align: every pointer bad: the table first", 2, dev, 6, 4, 2, -1, 0x1000, {}, 1, "invalid_memory",
-          {"", "0x1000", "{6}", "{1}", "input"}},
-         {"align: null total", 2, cpu, 6, 4, 2, 3, 1, {}, 1, "invalid_memory", {}},
-         {"align: another device type does nothing", 2, other, 6, 4, 2, 0, 0, {}, 0, nullptr, {}},
-         {"statistic: no blocks", 3, dev, 3, 4, 0, 0, 0, {}, 1, "invalid_memory", {}},
-         {"statistic: every pointer bad: the histogram first", 3, dev, 3, 4, 2, -1, 0x1000, {}, 1, "invalid_memory",
-          {"", "0x2000", "{8}", "{1}", "output"}},
-         {"statistic: launch fails", 3, dev, 3, 4, 2, 0, 0, S::Async, 2, "kernel_fail", {"7"}},
-         {"statistic: device type without a path", 3, other, 3, 4, 2, 0, 0, {}, 4, "unimplement", {}},
-         {"offsets: no counts and a null input: the count first", 4, dev, 0, 0, 0, 0, 1, {}, 1, "compare_fail",
-          {"0", ">", "0"}},
-         {"offsets: null counts", 4, cpu, 0, 4, 0, 0, 1, {}, 1, "invalid_memory", {}},
-         {"offsets: another device type does nothing", 4, other, 0, 4, 1, 0, 0, {}, 0, nullptr, {}}});
-}
-
-// Failures told twice, or as a compare failure and then a kernel failure.
-TEST(MoeIndexFailure, KernelFailuresAreToldAsDocumented) {
-    using S = tsuemu::Site;
-    const auto dev = DeviceType::TSU3, tsu2 = DeviceType::TSU2;
-    const std::vector<std::tuple<const char*, DeviceType, std::optional<S>, int, std::vector<std::string>>> rows = {
-        {"align: wrapper and entry", dev, S::Config, 0, {"kernel_fail 7", "kernel_fail 2"}},
-        {"offsets: wrapper and entry", dev, S::Async, 1, {"kernel_fail 7", "kernel_fail 2"}},
-        {"offsets on the second generation", tsu2, std::nullopt, 1, {"unimplement 2", "kernel_fail 4"}},
-        {"resort: the launch's code against 0", dev, S::Async, 2, {"compare_fail 7 == 0", "kernel_fail 7"}},
-        {"resort on the second generation", tsu2, std::nullopt, 2, {"unimplement 2", "kernel_fail 4"}},
-    };
-    for (const auto& [what, type, fault, op, want] : rows) {
-        SCOPED_TRACE(what);
-        if (type == tsu2 && !tsuemu::gm_available(2)) continue;
-        auto ctx = make_context(type);
-        GuardedBuffer<int> in(ctx.get(), std::vector<int>{1, 0, 3, 2}), out(ctx.get(), 8), e(ctx.get(), 8), t(ctx.get(), 1);
-        GuardedBuffer<long> lod(ctx.get(), 5);
-        TSUOPS_RETURN_IF_SKIPPED();
-        out.fill_sentinel();
-        LogCapture logs;
-        if (fault) tsuemu::inject_failure(*fault, 1, 7);
-        const int st = op == 0   ? infer_ops::moe_align_block_size<int>(ctx.get(), in.data(), out.data(), e.data(),
-                                                                          t.data(), 4, 2, 4)
-                       : op == 1 ? infer_ops::moe_expert_m_to_lod<int, long>(ctx.get(), in.data(), lod.data(), 4, true)
-                                 : infer_ops::moe_resort_idx<int>(ctx.get(), in.data(), out.data(), 4, 0);
-        tsuemu::clear_failures();
-        EXPECT_EQ(st, 2);
-        std::vector<std::string> told;
-        for (const auto& r : logs.failures()) {
-            std::string line = r.kind;
-            for (const auto& f : r.fields) line += " " + f;
-            told.push_back(line);
-        }
-        EXPECT_EQ(told, want);
-        EXPECT_TRUE(out.untouched());
-    }
-}
-
-TEST(MoeIndex, CatalogueHoldsEveryInstanceOfTheFamilies) {
-    std::map<std::string, int> families;
-    std::map<std::string, std::uint64_t> engines;
-    for (const auto& k : infer_ops::kernel_catalogue()) {
-        ++families[k.family];
-        engines[k.family] = k.engine;
-    }
-    for (const auto& [family, count] : std::map<std::string, int>{{"infer_moe_softmax_topk", 18},
-                                                                  {"gen_block_statistic", 1},
-                                                                  {"infer_moe_align_block_size", 1},
-                                                                  {"infer_moe_expert_m_to_lod", 4},
-                                                                  {"infer_moe_expert_m_to_lod_gmx", 4},
-                                                                  {"infer_moe_sorted_topk_idx", 1},
-                                                                  {"moe_resort_idx", 2}}) {
-        EXPECT_EQ(families[family], count) << family;
-        EXPECT_EQ(engines[family], family.ends_with("_gmx") ? 1u : 0u) << family;
+    for (long d : {-1, 0, 1}) {
+        EXPECT_EQ(sel::resort_kernel(sel::kResortIntCount + d),
+                  d < 1 ? sel::ResortKernel::int_count : sel::ResortKernel::long_count);
     }
 }
 
