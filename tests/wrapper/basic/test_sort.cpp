@@ -279,7 +279,9 @@ TEST(SortFailure, StatusLogAndNothingWritten) {
          {"two faults, no rows and a null x: the count first", 0, dev, 0, 8, 0, 0, 1, {}, 1, "invalid_shape", {"0"}},
          {"every pointer bad: x first", 1, dev, 2, 8, 0, -1, 0x8000000000, {}, 1, "invalid_memory",
           {"", "0x8000000000", "{16}", "{1}", "input"}},
-         {"a table kernel fails to launch", 1, dev, 2, 8, 0, 0, 0, tsuemu::Site::Config, 2, "kernel_fail", {"7"}}});
+         {"a table kernel fails to launch", 1, dev, 2, 8, 0, 0, 0, tsuemu::Site::Config, 2, "kernel_fail", {"7"}},
+         {"the radix kernel fails to launch", 0, dev, 1, sel::kMaxLargeNRow + 1, 0, 0, 0, tsuemu::Site::Async, 2,
+          "kernel_fail", {"7"}}});
 }
 
 // The radix route: the half types pass the runtime's code on as it came,
@@ -297,7 +299,6 @@ TEST(SortFailure, RadixRouteScratchAndRuntimeCodes) {
         {"half, the radix launch fails", true, true, tsuemu::Site::Async, 2, 7, {{"7", "==", "SUCCESS"}}},
         {"half, the first cast fails", true, true, tsuemu::Site::Async, 1, 2, {{"7"}, {"2", "==", "SUCCESS"}}},
         {"half, no scratch", true, false, {}, 0, 3, {{"ptr(0)", "!=", "nullptr"}}},
-        {"float, the radix launch fails", false, true, tsuemu::Site::Async, 1, 2, {{"7"}}},
         {"float, no scratch", false, false, {}, 0, 2, {{"ptr(0)", "!=", "nullptr"}, {"3"}}},
     };
     for (const auto& c : cases) {
