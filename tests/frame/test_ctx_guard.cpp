@@ -158,30 +158,4 @@ TEST(DeviceCopy, CopiesChecksAndRecords) {
     }
 }
 
-// Two parameters upload in argument order, the second's scratch stacked above
-// the first's, and both go with the guard.
-TEST(DeviceCopy, TwoParametersStackInArgumentOrder) {
-    auto ctx = device_context({.debug_flags = 0x1});
-    const std::vector<int> lod = {0, 3, 7, 12, 20};
-    const std::vector<long> starts = {5, 1, 1L << 40};
-    orvane::tsu::api::ContextStackGuard g(ctx.get(), "INFRA");
-    tsuops_test::LogCapture logs;
-    {
-        ctx_guard scratch(ctx.get());
-        VectorParam<int> a;
-        VectorParam<long> b;
-        using infer_ops::frame::device_copy;
-        ASSERT_EQ(device_copy(g, ctx.get(), scratch, VectorParam<int>{lod.data(), 5}, "a_tsu", a), 0);
-        ASSERT_EQ(device_copy(g, ctx.get(), scratch, VectorParam<long>{starts.data(), 3}, "b_tsu", b), 0);
-        EXPECT_EQ(static_cast<void*>(a.tsu), ctx->gm_mgr.base());
-        EXPECT_GE(static_cast<void*>(b.tsu), static_cast<void*>(a.tsu + 5));
-        EXPECT_EQ(read_back(ctx.get(), a.tsu, 5), lod);
-        EXPECT_EQ(read_back(ctx.get(), b.tsu, 3), starts);
-    }
-    EXPECT_EQ(ctx->gm_mgr.top(), 0u);
-    const auto memory = logs.of_kind("memory");
-    ASSERT_EQ(memory.size(), 2u);
-    EXPECT_TRUE(memory[0].fields[0] == "a_tsu.tsu" && memory[1].fields[0] == "b_tsu.tsu");
-}
-
 }  // namespace

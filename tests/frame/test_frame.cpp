@@ -3,9 +3,10 @@
 // the parameter record, and the once-read environment switches.
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cmath>
 #include <limits>
-#include <stdexcept>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -88,9 +89,8 @@ TEST(Frame, FailedChecksLogTextsAndTheCallersLine) {
     ASSERT_EQ(recs.size(), fields.size());
     for (std::size_t i = 0; i < recs.size(); ++i) {
         EXPECT_EQ(recs[i].kind, i + 1 < recs.size() ? "compare_fail" : "invalid_shape") << i;
-        EXPECT_EQ(recs[i].fields, fields[i]) << i;
-        EXPECT_EQ(recs[i].line, line + 1 + static_cast<int>(i)) << i;
-        EXPECT_NE(recs[i].file.find("test_frame.cpp"), std::string::npos);
+        EXPECT_TRUE(recs[i].fields == fields[i] && recs[i].line == line + 1 + static_cast<int>(i)) << i;
+        EXPECT_TRUE(recs[i].file.ends_with("test_frame.cpp")) << recs[i].file;
     }
 }
 
@@ -157,76 +157,100 @@ TEST(Region, ValidityOfFloatRegions) {
     EXPECT_TRUE(huge.is_valid<float>(&f.ctx)) << "an empty shape passes: one element at ptr";
 }
 
-// A detail is made only when wanted, and only then is the name read.
-TEST(Region, DetailOnlyWhenWanted) {
-    memory_region r(true, addr(0x1000), 4, 2);
-    EXPECT_NO_THROW(r.init_detail<float>(false, 0, __FILE__, __LINE__, nullptr, false, nullptr));
-    EXPECT_EQ(r.detail, nullptr);
-    try {
-        r.init_detail<float>(true, 0, __FILE__, __LINE__, nullptr, false, nullptr);
-        ADD_FAILURE() << "a wanted detail with a null name throws";
-    } catch (const std::logic_error& e) {
-        EXPECT_STREQ(e.what(), "basic_string::_M_construct null not valid");
-    }
-    r.init_detail<long long>(true, 17, __FILE__, __LINE__, "x", true, nullptr);
-    const memory_region copy(r);  // copies the detail
-    ASSERT_TRUE(r.detail != nullptr && copy.detail != nullptr && copy.detail != r.detail);
-    EXPECT_TRUE(copy.detail->name == "x" && copy.detail->dtype == Dtype::FLOAT32) << "long long has no tag: 0";
+// The fast test of a dense region agrees with the region's own on every
+// device type, at the ends of each memory and across them, for element sizes
+// 1 to 8.
+TEST(Region, FastValidityAgreesWithTheRegionsOwnTest) {
+    const std::uint64_t ptrs[] = {0,           0x1000,     0x90000000,     0x95fffff0,     0x95fffffc,
+                                  0xc0000000,  0xc3fffff8, 0x800000000,    0xffffffff0,    0x4000000000,
+                                  0x40fffffff8, 0x504000000000, 0x7ffffffffff8, 0xfffffffffffffff8};
+    const long lens[] = {LONG_MIN, -1, 0, 1, 2, 4, 5, 1L << 31, 1L << 40, LONG_MAX};
+    const auto sweep = [&]<class T>(const T*) {
+        for (std::uint32_t dev = 0; dev <= 6; ++dev) {
+            FakeDevice f(dev);
+            for (std::uint64_t p : ptrs) {
+                for (long len : lens) {
+                    EXPECT_EQ(dense_region_valid<T>(&f.ctx, addr(p), len),
+                              memory_region(true, addr(p), len, 0).is_valid<T>(&f.ctx))
+                        << "dev " << dev << std::hex << " 0x" << p << std::dec << " len " << len << " size " << sizeof(T);
+                }
+            }
+        }
+    };
+    sweep(static_cast<const signed char*>(nullptr));
+    sweep(static_cast<const int4_t*>(nullptr));
+    sweep(static_cast<const float16*>(nullptr));
+    sweep(static_cast<const float*>(nullptr));
+    sweep(static_cast<const double*>(nullptr));
 }
 
 using Params = std::vector<std::string>;
 
 constexpr std::uint64_t kGm = 0x504000001000ull, kGm2 = 0x504000002000ull, kL3 = 0x90000100ull;
-constexpr std::uint32_t kTraced = 0x1;
+constexpr std::uint32_t kTraced = 0x1, kHostTraced = 0x10001, kPrecision = kDebugPrecisionCheck;
 
-// The region step: one "memory" record per valid region (name, address,
-// extent in elements, stride, direction), with the call site's position only
-// where a detail was made: traced, or under precision checking, which needs
-// the name that tracing gives. Under precision checking the guard keeps a
-// copy of each region, the first of a name winning. A null optional tensor
-// is skipped.
-TEST(Region, StepRecordsEachRegion) {
-    const std::uint32_t precision = kDebugPrecisionCheck;
-    const struct { std::uint32_t dev, flags; bool detail, kept; } cases[] = {
-        {3, 0, false, false},         {3, kTraced, true, false},           {0, kTraced, false, false},
-        {0, 0x10001, true, false},    {3, precision, false, false},        {3, precision | kTraced, true, true},
-        {0, precision | 0x10001, true, true}, {0, precision | kTraced, false, false},
+// The region step records a valid region only for a consumer (a log sink,
+// the precision check), then as one "memory" record (name, address, extent,
+// stride, direction) with the call site only where a detail was made:
+// traced, or under precision checking, which needs the name that tracing
+// gives. Under precision checking the guard keeps a copy of each region, the
+// first of a name winning. A null optional tensor is skipped; an invalid
+// region fails the step whether or not anybody listens.
+TEST(RegionStep, RecordsOnlyForAConsumerAndThenInFull) {
+    const struct { std::uint32_t dev, flags; bool sink, detail, kept; } cases[] = {
+        {3, 0, false, false, false},       {3, 0, true, false, false},
+        {0, 0, true, false, false},        {3, kTraced, true, true, false},
+        {0, kTraced, true, false, false},  {0, kHostTraced, true, true, false},
+        {3, kPrecision, true, false, false}, {3, kPrecision, false, false, false},
+        {3, kPrecision | kTraced, true, true, true}, {3, kPrecision | kTraced, false, true, true},
+        {0, kPrecision | kHostTraced, true, true, true}, {0, kPrecision | kTraced, true, false, false},
     };
     const auto* a = static_cast<const float*>(addr(kGm));
     const auto* b = static_cast<const float*>(addr(kGm2));
     for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::Message() << "dev " << c.dev << " flags 0x" << std::hex << c.flags);
+        SCOPED_TRACE(::testing::Message() << "dev " << c.dev << " flags 0x" << std::hex << c.flags << " sink " << c.sink);
         FakeDevice f(c.dev, c.flags);
         tsuops_test::TraceCapture traces;
         ContextStackGuard g(&f.ctx, "INFRA");
         frame::open<float>(g, &f.ctx, "probe");
-        LogCapture logs;
-        const int line = __LINE__;
+        std::optional<LogCapture> logs;
+        if (c.sink) logs.emplace();
+        set_log_echo(false);
+        const int line = __LINE__ + 1;
         EXPECT_EQ(frame::input(g, &f.ctx, "a", a, 5), 0);
         EXPECT_EQ(frame::output(g, &f.ctx, "b", b, 7), 0);
         EXPECT_EQ(frame::optional_output(g, &f.ctx, "a", b, 9), 0);
         EXPECT_EQ(frame::optional_input(g, &f.ctx, "c", static_cast<const float*>(nullptr), 3), 0);
+        set_log_echo(true);
         const std::vector<Params> want = {{"a", "0x504000001000", "{5}", "{1}", "input"},
                                           {"b", "0x504000002000", "{7}", "{1}", "output"},
                                           {"a", "0x504000002000", "{9}", "{1}", "output"}};
-        const auto recs = logs.records();
-        ASSERT_EQ(recs.size(), want.size());
+        const auto recs = logs ? logs->records() : std::vector<LogRecord>{};
+        ASSERT_EQ(recs.size(), c.sink ? want.size() : 0u);
         for (std::size_t i = 0; i < recs.size(); ++i) {
             Params fields = want[i];
             if (!c.detail) fields[0].clear();
             EXPECT_EQ(recs[i].kind, "memory");
             EXPECT_EQ(recs[i].fields, fields) << i;
-            EXPECT_EQ(recs[i].file.ends_with("test_frame.cpp"), c.detail) << recs[i].file;
-            EXPECT_EQ(recs[i].line, c.detail ? line + 1 + static_cast<int>(i) : 0) << i;
+            EXPECT_EQ(recs[i].file, c.detail ? "frame/test_frame.cpp" : "") << i;
+            EXPECT_EQ(recs[i].line, c.detail ? line + static_cast<int>(i) : 0) << i;
         }
         ASSERT_EQ(g.recorded_regions.size(), c.kept ? 2u : 0u);
         if (!c.kept) continue;
         const memory_region& kept = g.recorded_regions.at("a");
         EXPECT_TRUE(kept.is_input && kept.ptr == a && kept.shape == std::vector<long>{5});
         ASSERT_NE(kept.detail, nullptr);
-        EXPECT_TRUE(kept.detail->position.ends_with("test_frame.cpp:" + std::to_string(line + 1)));
+        EXPECT_TRUE(kept.detail->name == "a" && kept.detail->dtype == Dtype::FLOAT32);
+        EXPECT_EQ(kept.detail->position, "frame/test_frame.cpp:" + std::to_string(line));
         EXPECT_FALSE(g.recorded_regions.at("b").is_input);
     }
+    set_log_echo(false);
+    for (std::uint64_t p : {std::uint64_t{0}, std::uint64_t{0x1000}, std::uint64_t{0x95fffff0}}) {
+        FakeDevice f(3);
+        ContextStackGuard g(&f.ctx, "INFRA");
+        EXPECT_EQ(frame::output(g, &f.ctx, "y", static_cast<const float*>(addr(p)), 5), 1) << std::hex << p;
+    }
+    set_log_echo(true);
 }
 
 // The trace's type string and the region detail's tag of each element type.
@@ -308,11 +332,9 @@ TEST(ParamDump, TracedConstantRecordsItsArgumentsBeforeTheChecks) {
     EXPECT_EQ(infer_ops::constant<float>(ctx.get(), reinterpret_cast<float*>(x.data()), 0, 1.5f), 1);
     set_trace_sink({});
     ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(seen[0].name, "constant");
-    EXPECT_EQ(seen[0].dtypes, Params{"float16"});
     const std::string l3 = std::to_string(ctx->l3_size);
+    EXPECT_TRUE(seen[0].name == "constant" && seen[0].dtypes == Params{"float16"} && seen[1].dtypes == Params{"float"});
     EXPECT_EQ(seen[0].params, (Params{"\"GM\"", "8", "1.500000", l3}));
-    EXPECT_EQ(seen[1].dtypes, Params{"float"});
     EXPECT_EQ(seen[1].params, (Params{"\"GM\"", "0", "1.5", l3}));
     EXPECT_EQ(failures_at_trace, (std::vector<std::size_t>{0, 0}));
     EXPECT_EQ(logs.count("invalid_memory"), 1u);
@@ -332,14 +354,10 @@ TEST(FrameChild, DISABLED_SwitchesReadOnce) {
         SCOPED_TRACE(c.value ? c.value : "unset");
         c.value ? setenv(kVar, c.value, 1) : unsetenv(kVar);
         const frame::env_switch one(kVar, rule::exactly_one), any(kVar, rule::nonzero);
-        EXPECT_EQ(one.on(), c.exactly_one);
-        EXPECT_EQ(any.on(), c.nonzero);
-        setenv(kVar, c.nonzero ? "0" : "1", 1);
-        EXPECT_EQ(one.on(), c.exactly_one);
-        EXPECT_EQ(any.on(), c.nonzero);
-        unsetenv(kVar);
-        EXPECT_EQ(one.on(), c.exactly_one);
-        EXPECT_EQ(any.on(), c.nonzero);
+        for (const char* later : {c.value, c.nonzero ? "0" : "1", static_cast<const char*>(nullptr)}) {
+            later ? setenv(kVar, later, 1) : unsetenv(kVar);
+            EXPECT_TRUE(one.on() == c.exactly_one && any.on() == c.nonzero) << (later ? later : "unset");
+        }
     }
 }
 

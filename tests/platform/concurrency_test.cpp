@@ -18,37 +18,8 @@
 namespace {
 
 using namespace tsuops_test;
-using platform_test::ArgReader;
-using platform_test::core_share;
-using platform_test::descriptor;
-using platform_test::launch;
+using namespace platform_test;
 namespace cpu = orvane::tsu::api::cpu;
-
-// x = (3 * x + k) mod a prime, over each core's share: any launch lost,
-// repeated, run out of order or overlapping the one before changes the result.
-constexpr long kPrime = 1000003;
-long affine(long x, long k) { return (3 * x + k) % kPrime; }
-
-void affine_entry(const unsigned char* args) {
-    ArgReader r(args);
-    auto* x = r.next<long*>();
-    const long n = r.next<long>(), k = r.next<long>();
-    long b, e;
-    core_share(n, &b, &e);
-    for (long i = b; i < e; ++i) x[i] = affine(x[i], k);
-}
-
-// y[i] = x[n - 1 - i]: each core reads what other cores of the launch
-// before wrote.
-void reverse_entry(const unsigned char* args) {
-    ArgReader r(args);
-    const auto* x = r.next<const long*>();
-    auto* y = r.next<long*>();
-    const long n = r.next<long>();
-    long b, e;
-    core_share(n, &b, &e);
-    for (long i = b; i < e; ++i) y[i] = x[n - 1 - i];
-}
 
 // Runs `body(t)` on `threads` threads at once, started together. A job the
 // runtime loses leaves a thread waiting for ever: past a deadline far beyond
@@ -79,10 +50,12 @@ void together(int threads, const std::function<void(int)>& body) {
     for (auto& th : team) th.join();
 }
 
+using StreamOrder = SyncModes;
+
 // Many more launches than a stream queues at once, from two threads on two
 // streams, waited for only at the end: each stream runs all of its own, in
-// order, and none of the other's.
-TEST(Streams, ManyLaunchesFromTwoThreadsCompleteInOrderPerStream) {
+// order, each seeing what the one before wrote, and none of the other's.
+TEST_P(StreamOrder, ManyLaunchesFromTwoThreadsCompleteInOrderPerStream) {
     constexpr long n = 1031;
     constexpr int launches = 600;
     std::vector<long> got[2];
@@ -101,10 +74,12 @@ TEST(Streams, ManyLaunchesFromTwoThreadsCompleteInOrderPerStream) {
     });
     for (int t = 0; t < 2; ++t) {
         long want = t;
-        for (int k = 0; k < launches; k += 3) want = affine(want, k + t);
-        EXPECT_TRUE(exactly_equal(std::vector<long>(n, want), got[t])) << "stream of thread " << t;
+        for (int k = 0; k < launches; k += 3) want = platform_test::affine(want, k + t);
+        EXPECT_EQ(std::vector<long>(n, want), got[t]) << "stream of thread " << t;
     }
 }
+
+PLATFORM_SYNC_MODES(StreamOrder);
 
 // A tenth of a microsecond or so of work, so that the jobs of concurrent
 // callers are long enough to meet.
@@ -124,39 +99,32 @@ void tally_entry(const unsigned char* args) {
 }
 
 // Two contexts launching on two threads while two more threads run the host
-// thread pool: every job is served whole, by its own caller's state. Bounded:
-// a few hundred rounds of each.
+// thread pool: every job is served whole, by its own caller's state.
 TEST(Executor, ConcurrentLaunchesAndHostJobsStayApart) {
-    constexpr int rounds = 300;
+    constexpr int rounds = 1000;
     together(4, [&](int t) {
         if (t < 2) {
             auto ctx = device_context();
             const long cores = 8 * 64;
             GuardedBuffer<long> counts(ctx.get(), std::vector<long>(cores, 0));
-            long* cp = counts.data();
-            const auto tally = descriptor(&tally_entry);
             for (int i = 0; i < rounds; ++i) {
-                ASSERT_EQ(launch(tally, 8, 64, ctx->stream, cp, static_cast<long>(t + 1)), TSU_SUCCESS);
-                if (i % 8 == 7) {
-                    ASSERT_EQ(tsu_wait(ctx->stream), TSU_SUCCESS);
+                ASSERT_EQ(launch(descriptor(&tally_entry), 8, 64, ctx->stream, counts.data(), t + 1L), TSU_SUCCESS);
+                if (i % 8 == 7) tsu_wait(ctx->stream);
+            }
+            EXPECT_EQ(std::vector<long>(cores, rounds * (t + 1L)), counts.download()) << "launcher " << t;
+            return;
+        }
+        const long len = 1000 + t;
+        for (int i = 0; i < rounds; ++i) {
+            std::vector<std::atomic<int>> seen(static_cast<std::size_t>(len));
+            cpu::internal::invoke_parallel(0, len, 1, [&](long b, long e) {
+                for (long j = b; j < e; ++j) {
+                    busy_work(j);
+                    seen[static_cast<std::size_t>(j)].fetch_add(1);
                 }
-            }
-            ASSERT_EQ(tsu_wait(ctx->stream), TSU_SUCCESS);
-            EXPECT_TRUE(exactly_equal(std::vector<long>(cores, rounds * (t + 1L)), counts.download()))
-                << "launcher " << t;
-        } else {
-            const long len = 1000 + t;
-            for (int i = 0; i < rounds; ++i) {
-                std::vector<std::atomic<int>> seen(static_cast<std::size_t>(len));
-                cpu::internal::invoke_parallel(0, len, 1, [&](long b, long e) {
-                    for (long j = b; j < e; ++j) {
-                        busy_work(j);
-                        seen[static_cast<std::size_t>(j)].fetch_add(1);
-                    }
-                });
-                const bool once = std::all_of(seen.begin(), seen.end(), [](const auto& s) { return s.load() == 1; });
-                ASSERT_TRUE(once) << "host caller " << t << ", round " << i;
-            }
+            });
+            ASSERT_TRUE(std::all_of(seen.begin(), seen.end(), [](const auto& s) { return s.load() == 1; }))
+                << "host caller " << t << ", round " << i;
         }
     });
 }
@@ -174,29 +142,16 @@ void flag_then_write_entry(const unsigned char* args) {
     x[0] = v;
 }
 
-struct WaitKind {
-    const char* name;
-    std::function<int(Context*, long* dev, long* host)> wait;
-};
-
-class RunningLaunch : public ::testing::TestWithParam<int> {
-protected:
-    void SetUp() override { tsuemu::set_sync_override(GetParam()); }
-    void TearDown() override { tsuemu::set_sync_override(-1); }
-};
+using RunningLaunch = SyncModes;
 
 // The launch is queued by another thread (in the synchronous mode that
 // thread runs it, inside tsu_launch_async); this thread waits for it to be
 // running before it waits or copies, so each must wait for the running
 // launch itself, not only for what is still queued.
 TEST_P(RunningLaunch, WaitsAndCopiesCoverTheLaunchThatRuns) {
-    const WaitKind kinds[] = {
-        {"tsu_wait",
-         [](Context* c, long* dev, long* host) {
-             const int rc = tsu_wait(c->stream);
-             *host = *dev;
-             return rc;
-         }},
+    using Wait = int (*)(Context*, long* dev, long* host);
+    const std::pair<const char*, Wait> kinds[] = {
+        {"tsu_wait", [](Context* c, long* dev, long* host) { const int rc = tsu_wait(c->stream); *host = *dev; return rc; }},
         {"tsu_memcpy", [](Context*, long* dev, long* host) { return tsu_memcpy(host, dev, 8, TSU_MEMCPY_D2H); }},
         {"do_device2host",
          [](Context* c, long* dev, long* host) { return orvane::tsu::api::do_device2host(c, dev, host, 8); }},
@@ -204,21 +159,20 @@ TEST_P(RunningLaunch, WaitsAndCopiesCoverTheLaunchThatRuns) {
     auto ctx = device_context();
     GuardedBuffer<long> x(ctx.get(), std::vector<long>{0});
     long* xp = x.data();
-    const auto kernel = descriptor(&flag_then_write_entry);
     long v = 0;
-    for (const WaitKind& k : kinds) {
+    for (const auto& [name, wait] : kinds) {
         ++v;
         g_running.store(false);
-        std::thread launcher([&] { EXPECT_EQ(launch(kernel, 1, 1, ctx->stream, xp, v), TSU_SUCCESS); });
+        std::thread launcher(
+            [&] { EXPECT_EQ(launch(descriptor(&flag_then_write_entry), 1, 1, ctx->stream, xp, v), TSU_SUCCESS); });
         while (!g_running.load()) std::this_thread::yield();
         long out = -1;
-        EXPECT_EQ(k.wait(ctx.get(), xp, &out), TSU_SUCCESS) << k.name;
-        EXPECT_EQ(out, v) << k.name << " returned while the launch still ran";
+        EXPECT_EQ(wait(ctx.get(), xp, &out), TSU_SUCCESS) << name;
+        EXPECT_EQ(out, v) << name << " returned while the launch still ran";
         launcher.join();
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(SyncModes, RunningLaunch, ::testing::Values(0, 1),
-                         [](const auto& p) { return p.param ? "sync" : "async"; });
+PLATFORM_SYNC_MODES(RunningLaunch);
 
 }  // namespace

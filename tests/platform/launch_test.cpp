@@ -1,5 +1,5 @@
-// The launch path of the emulated device: the argument block, the grid and
-// the order of one stream.
+// The launch path of the emulated device: the argument block and the grid
+// (the order of a stream is in the concurrency tests).
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -11,10 +11,7 @@
 namespace {
 
 using namespace tsuops_test;
-using platform_test::ArgReader;
-using platform_test::core_share;
-using platform_test::descriptor;
-using platform_test::launch;
+using namespace platform_test;
 
 // The block as core (0, 0) saw it; its first argument is the block's length.
 std::vector<unsigned char> g_seen;
@@ -48,8 +45,8 @@ TEST(ArgumentBlock, ReachesObserverAndKernelByteForByteWithZeroPadding) {
     EXPECT_EQ(r.nclusters, 2);
     EXPECT_EQ(r.ncores, 3);
     EXPECT_EQ(r.stream, ctx->stream);
-    EXPECT_TRUE(exactly_equal(want, r.args)) << "observer";
-    EXPECT_TRUE(exactly_equal(want, g_seen)) << "kernel";
+    EXPECT_EQ(want, r.args) << "observer";
+    EXPECT_EQ(want, g_seen) << "kernel";
 }
 
 std::atomic<int> g_visits[8][64];
@@ -70,53 +67,5 @@ TEST(Grid, EveryCoreOfEightClustersOf64RunsExactlyOnce) {
         for (int co = 0; co < 64; ++co) ASSERT_EQ(g_visits[cl][co].load(), 1) << "core (" << cl << ", " << co << ")";
     }
 }
-
-// x = 3 * x + k over each core's share: the result depends on the order of
-// the launches.
-void affine_entry(const unsigned char* args) {
-    ArgReader r(args);
-    auto* x = r.next<long*>();
-    const long n = r.next<long>(), k = r.next<long>();
-    long b, e;
-    core_share(n, &b, &e);
-    for (long i = b; i < e; ++i) x[i] = 3 * x[i] + k;
-}
-
-// y[i] = x[n - 1 - i]: reads what other cores of the launch before wrote.
-void reverse_entry(const unsigned char* args) {
-    ArgReader r(args);
-    const auto* x = r.next<const long*>();
-    auto* y = r.next<long*>();
-    const long n = r.next<long>();
-    long b, e;
-    core_share(n, &b, &e);
-    for (long i = b; i < e; ++i) y[i] = x[n - 1 - i];
-}
-
-class StreamOrder : public ::testing::TestWithParam<int> {
-protected:
-    void SetUp() override { tsuemu::set_sync_override(GetParam()); }
-    void TearDown() override { tsuemu::set_sync_override(-1); }
-};
-
-TEST_P(StreamOrder, EachLaunchSeesWhatTheOneBeforeWrote) {
-    EXPECT_EQ(tsuemu::sync_mode(), GetParam() == 1);
-    auto ctx = device_context();
-    const long n = 4099;
-    GuardedBuffer<long> x(ctx.get(), std::vector<long>(n, 1)), y(ctx.get(), n);
-    std::vector<long> want(n, 1);
-    long *xp = x.data(), *yp = y.data();
-    const auto affine = descriptor(&affine_entry), reverse = descriptor(&reverse_entry);
-    for (long k = 0; k < 10; ++k) {
-        ASSERT_EQ(launch(affine, 8, 64, ctx->stream, xp, n, k), TSU_SUCCESS);
-        ASSERT_EQ(launch(reverse, 8, 64, ctx->stream, xp, yp, n), TSU_SUCCESS);
-        ASSERT_EQ(launch(reverse, 8, 64, ctx->stream, yp, xp, n), TSU_SUCCESS);
-        for (long& v : want) v = 3 * v + k;
-    }
-    EXPECT_TRUE(exactly_equal(want, x.download()));
-}
-
-INSTANTIATE_TEST_SUITE_P(SyncModes, StreamOrder, ::testing::Values(0, 1),
-                         [](const auto& p) { return p.param ? "sync" : "async"; });
 
 }  // namespace

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <type_traits>
 
+#include <gtest/gtest.h>
+
 #include <tsurt/emulator.h>
 #include <tsurt/tsurt.h>
 
@@ -50,6 +52,30 @@ inline void core_share(long n, long* begin, long* end) {
     *end = n * (tsuemu::global_core_id() + 1) / tsuemu::global_core_count();
 }
 
+// x = (3 * x + k) mod a prime over each core's share: any launch lost,
+// repeated, run out of order or overlapping the one before changes the result.
+constexpr long kPrime = 1000003;
+inline long affine(long x, long k) { return (3 * x + k) % kPrime; }
+inline void affine_entry(const unsigned char* args) {
+    ArgReader r(args);
+    auto* x = r.next<long*>();
+    const long n = r.next<long>(), k = r.next<long>();
+    long b, e;
+    core_share(n, &b, &e);
+    for (long i = b; i < e; ++i) x[i] = affine(x[i], k);
+}
+
+// y[i] = x[n - 1 - i]: each core reads what other cores of the launch before wrote.
+inline void reverse_entry(const unsigned char* args) {
+    ArgReader r(args);
+    const auto* x = r.next<const long*>();
+    auto* y = r.next<long*>();
+    const long n = r.next<long>();
+    long b, e;
+    core_share(n, &b, &e);
+    for (long i = b; i < e; ++i) y[i] = x[n - 1 - i];
+}
+
 // One whole launch: config, arguments by the slot rule, async.
 template <class... A>
 int launch(const tsuemu::KernelDescriptor& d, int nclusters, int ncores, void* stream, const A&... args) {
@@ -63,5 +89,15 @@ int launch(const tsuemu::KernelDescriptor& d, int nclusters, int ncores, void* s
     (set(args), ...);
     return rc == TSU_SUCCESS ? tsu_launch_async(&d) : rc;
 }
+
+// A test run in the asynchronous (0) and the synchronous (1) launch mode.
+class SyncModes : public ::testing::TestWithParam<int> {
+protected:
+    void SetUp() override { tsuemu::set_sync_override(GetParam()); }
+    void TearDown() override { tsuemu::set_sync_override(-1); }
+};
+#define PLATFORM_SYNC_MODES(suite)                                                   \
+    INSTANTIATE_TEST_SUITE_P(SyncModes, suite, ::testing::Values(0, 1),              \
+                             [](const auto& p) { return p.param ? "sync" : "async"; })
 
 }  // namespace platform_test

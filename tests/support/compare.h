@@ -4,18 +4,12 @@
 //   its reference path.
 // - exactly_equal: data movement, integers, indices, masks, routing; floating
 //   elements bit for bit (signed zeros differ), any NaN matching any NaN.
-// - nearly_equal: floating results, by default within a few ulp of the output
-//   type's own precision, long reductions by reduction_tolerance; NaN matches
-//   NaN, an infinity only the same infinity.
 #pragma once
 
-#include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <iomanip>
-#include <limits>
 #include <sstream>
 #include <string>
 #include <type_traits>
@@ -30,42 +24,6 @@ namespace tsuops_test {
 template <class T>
 inline constexpr bool is_floating_v =
     std::is_floating_point_v<T> || std::is_same_v<T, float16> || std::is_same_v<T, bfloat16>;
-
-// The spacing of T's values at the magnitude of x (subnormal spacing below
-// the smallest normal).
-template <class T>
-double ulp_of(double x) {
-    // Significand bits with the implicit one, and the exponent of the smallest normal.
-    using L = std::numeric_limits<std::conditional_t<std::is_class_v<T>, float, T>>;
-    constexpr int digits = std::is_same_v<T, float16> ? 11 : std::is_same_v<T, bfloat16> ? 8 : L::digits;
-    constexpr int min_exponent = std::is_same_v<T, float16> ? -14 : L::min_exponent - 1;
-    int e = 0;
-    std::frexp(std::fabs(x), &e);  // |x| = m * 2^e, m in [0.5, 1)
-    return std::ldexp(1.0, std::max(e - 1, min_exponent) - (digits - 1));
-}
-
-struct Tolerance {
-    double ulps = 0;  // in the output type's own precision
-    double rel = 0;   // times the larger magnitude
-    double abs = 0;   // absolute floor, for results near zero after cancellation
-
-    Tolerance with_abs(double a) const { return Tolerance{ulps, rel, a}; }
-};
-
-inline constexpr double kDefaultUlps = 4;
-
-// A few ulp of T: results computed in float and narrowed once per step.
-template <class T>
-Tolerance ulp_tolerance(double ulps = kDefaultUlps) {
-    return Tolerance{ulps, 0, 0};
-}
-
-// A sum of n terms accumulated in float: the relative error of a sequential
-// sum grows like sqrt(n) ulp in practice; the bound allows four times that.
-template <class T>
-Tolerance reduction_tolerance(long n) {
-    return Tolerance{kDefaultUlps, 4.0 * std::sqrt(std::max(1.0, static_cast<double>(n))) * 0x1p-24, 0};
-}
 
 namespace detail {
 
@@ -129,19 +87,6 @@ template <class T>
         } else {
             return e == a;
         }
-    });
-}
-
-template <class T>
-::testing::AssertionResult nearly_equal(const std::vector<T>& expected, const std::vector<T>& actual,
-                                        const Tolerance& tol = ulp_tolerance<T>()) {
-    static_assert(is_floating_v<T>, "integers compare exactly");
-    return detail::compare_all(expected, actual, "tolerance", [&tol](T e, T a) {
-        const double x = detail::as_double(e), y = detail::as_double(a);
-        if (std::isnan(x) || std::isnan(y)) return std::isnan(x) && std::isnan(y);
-        if (std::isinf(x) || std::isinf(y)) return x == y;
-        const double mag = std::max(std::fabs(x), std::fabs(y));
-        return std::fabs(x - y) <= std::max({tol.ulps * ulp_of<T>(mag), tol.rel * mag, tol.abs});
     });
 }
 

@@ -28,9 +28,7 @@ namespace tsuops_test {
 // The ten element types of the operators.
 using AllElementTypes =
     ::testing::Types<float, float16, bfloat16, double, long, int, short, signed char, unsigned char, bool>;
-using FloatingTypes = ::testing::Types<float, float16, bfloat16, double>;
 using HalfAndFloatTypes = ::testing::Types<float, float16, bfloat16>;
-using IntegerTypes = ::testing::Types<long, int, short, signed char, unsigned char, bool>;
 
 // The type strings of the frame ("float16", "int64_t", ...), also used as
 // the names of typed-test instances.
