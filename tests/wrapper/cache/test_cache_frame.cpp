@@ -1,33 +1,26 @@
 // The frame of the cache stores: the regions each call records (names,
 // lengths, directions, in order), the trace, the kernel and grid of each
 // launch with its arguments, the catalogue's instances, and bad calls.
-#include <array>
 #include <functional>
-#include <initializer_list>
-#include <map>
 #include <string>
 #include <vector>
 
-#include <tsuops/catalogue.h>
-
 #include "kernels/cache/cache.h"
-#include "wrapper/cache/cache_test.h"
+#include "wrapper/kv_batch.h"
 #include "wrapper/wrapper_test.h"
 
 namespace {
 
-using namespace cache_test;
+using namespace kv_batch;
 using wrapper_test::as;
 using wrapper_test::fp;
 constexpr long kMaxBytes = tsuops::kernels::cache::kMaxHeadBlockBytes;
 
 // Sizes of the calls below: 3 tokens in 2 sequences, 5 blocks of 4.
 const int kLod[] = {0, 2, 3}, kStarts[] = {1, 6}, kRows[] = {2, 0};
-const int kShortLod[] = {0, 3};
-constexpr long kMaxPtr = 4;
 
-// Calls on six pointers p (the wrapper runner's): sizes m and n, and the
-// variant `param` where a call has several.
+// Calls on the runner's six pointers: sizes m and n, and the variant
+// `param` where a call has several.
 int paged(Context* c, void* const* p, long m, long n, double scales) {
     return infer_ops::store_paged_kv_cache<float16, signed char>(c, as<float16>(p[0]), as<float16>(p[1]),
                                                                  as<signed char>(p[2]), as<signed char>(p[3]),
@@ -48,34 +41,34 @@ int by_slot(Context* c, void* const* p, long m, long n, double v_dim) {
 }
 
 // The variants of reshape_and_cached_lod: lengths of the three parameters
-// against batch 2, the layouts, and which maxima are given.
+// against batch 2, the layouts, which maxima are given, and 4-bit caches.
 struct LodVariant {
     long lod_len = 3, starts_len = 2, rows_len = 2;
     const char* layout = "BLHD";
     const char* cache_layout = "HLD";
     bool maxima = true, batch_maxima = true, null_lod = false;
+    int cache_bits = 8;
 };
 const LodVariant kLodVariants[] = {
-    {},
-    {.lod_len = 2},
-    {.layout = "BSHD"},
-    {.cache_layout = "LHD"},
-    {.starts_len = 1, .layout = "BSHD"},
-    {.null_lod = true},
-    {.batch_maxima = false},
-    {.rows_len = 3},
-    {.maxima = false, .batch_maxima = false},
+    {}, {.lod_len = 2}, {.layout = "BSHD"}, {.cache_layout = "LHD"}, {.starts_len = 1, .layout = "BSHD"},
+    {.null_lod = true}, {.batch_maxima = false}, {.rows_len = 3}, {.maxima = false, .batch_maxima = false},
+    {.cache_bits = 4}, {.cache_bits = -4},
 };
-int by_table(Context* c, void* const* p, long head_dim, long block_size, double variant) {
-    const LodVariant& v = kLodVariants[static_cast<int>(variant)];
+template <class TC>
+int by_table(Context* c, void* const* p, long head_dim, long block_size, const LodVariant& v) {
     const VectorParam<int> lod{v.null_lod ? nullptr : kLod, v.lod_len}, starts{kStarts, v.starts_len},
         rows{kRows, v.rows_len};
     float* s = fp(p[5]);
-    return infer_ops::reshape_and_cached_lod<float16, signed char, int>(
-        c, as<float16>(p[0]), as<float16>(p[1]), as<signed char>(p[2]), as<signed char>(p[3]), as<int>(p[4]), lod,
-        starts, rows, 2, 2, head_dim, 3, block_size, 2, v.layout, v.cache_layout, s, s + 2,
-        v.batch_maxima ? s + 16 : nullptr, v.batch_maxima ? s + 32 : nullptr, v.maxima ? s + 4 : nullptr,
-        v.maxima ? s + 8 : nullptr);
+    return infer_ops::reshape_and_cached_lod<float16, TC, int>(
+        c, as<float16>(p[0]), as<float16>(p[1]), as<TC>(p[2]), as<TC>(p[3]), as<int>(p[4]), lod, starts, rows, 2, 2,
+        head_dim, 3, block_size, 2, v.layout, v.cache_layout, s, s + 2, v.batch_maxima ? s + 16 : nullptr,
+        v.batch_maxima ? s + 32 : nullptr, v.maxima ? s + 4 : nullptr, v.maxima ? s + 8 : nullptr);
+}
+int by_table(Context* c, void* const* p, long head_dim, long block_size, double variant) {
+    const LodVariant& v = kLodVariants[static_cast<int>(variant)];
+    if (v.cache_bits == 4) return by_table<int4_t>(c, p, head_dim, block_size, v);
+    if (v.cache_bits == -4) return by_table<uint4_t>(c, p, head_dim, block_size, v);
+    return by_table<signed char>(c, p, head_dim, block_size, v);
 }
 
 // Every region of a traced call, "name {len} direction", in order; the
@@ -104,14 +97,14 @@ TEST(CacheFrame, RegionsAndTrace) {
         {[](Context* c, void* const* p) { return by_slot(c, p, 3, 8, -1); },
          {"float16", "int64_t"},
          {"k {48} input", "slot_mapping {3} output", "k_cache {320} output"}},
-        {[](Context* c, void* const* p) { return by_table(c, p, 8, 4, 0); },
+        {[](Context* c, void* const* p) { return by_table(c, p, 8, 4, 0.0); },
          {"float16", "int8_t", "int"},
          {"k {48} input", "v {48} input", "block_table {6} input", "k_scale {2} input", "v_scale {2} input",
           "k_maxptrs {4} output", "v_maxptrs {4} output", "k_batch_maxptrs {12} output",
           "v_batch_maxptrs {12} output", "kv_seq_lod_tsu.tsu {3} output", "start_tokens_tsu.tsu {2} output",
           "real_batch_tsu.tsu {2} output"}},
     };
-    auto dev = device_context({.max_ptr_size = kMaxPtr, .debug_flags = 1});
+    auto dev = device_context({.max_ptr_size = 4, .debug_flags = 1});
     GuardedBuffer<float> mem(dev.get(), 6 * 4096);
     void* p[6];
     for (int i = 0; i < 6; ++i) p[i] = mem.data() + 4096 * i;
@@ -130,60 +123,42 @@ TEST(CacheFrame, RegionsAndTrace) {
     }
 }
 
-// Which kernel each call launches, on which grid, with which arguments.
+// Argument i of a launch of Stub's kernel.
 template <class Stub>
 struct Args;
 template <class... A>
 struct Args<int(A...)> {
-    static constexpr auto at = tsuops::kernels::slot_offsets<A...>;
+    template <class V>
+    static V at(const LaunchRecord& r, std::size_t i) {
+        return LaunchCapture::arg<V>(r, tsuops::kernels::slot_offsets<A...>[i]);
+    }
+    template <class V>
+    static void expect(const LaunchRecord& r, std::size_t first, std::initializer_list<V> want) {
+        for (V w : want) {
+            EXPECT_EQ(at<V>(r, first), w) << r.kernel << ", argument " << first;
+            ++first;
+        }
+    }
 };
 
-// The long arguments from index `first` on.
-template <std::size_t N>
-void expect_longs(const tsuemu::LaunchRecord& r, const std::array<std::size_t, N>& at, std::size_t first,
-                  std::initializer_list<long> want) {
-    std::size_t i = first;
-    for (long w : want) EXPECT_EQ(LaunchCapture::arg<long>(r, at[i++]), w) << "argument " << i - 1;
-}
-
+// Which kernel each call launches, on which grid, with which arguments.
 TEST(CacheFrame, KernelsGridsAndArguments) {
-    auto dev = device_context({.ncluster = 3, .ngmx = 2, .max_ptr_size = kMaxPtr});
-    GuardedBuffer<float16> k(dev.get(), 64 * 8), v(dev.get(), 64 * 8), kc(dev.get(), 5 * 2 * 4 * 64),
-        vc(dev.get(), 5 * 2 * 4 * 64);
+    auto dev = device_context({.ncluster = 3, .ngmx = 2, .max_ptr_size = 4});
+    GuardedBuffer<float16> k(dev.get(), 64 * 8), kc(dev.get(), 5 * 2 * 4 * 64);
     GuardedBuffer<int> table(dev.get(), std::vector<int>{0, 1, 2, 3, 4, 0}), lod_tsu(dev.get(), 3);
+    GuardedBuffer<int> ids(dev.get(), std::vector<int>{1, 0, 0, 3, 0, 2, 3}), sm(dev.get(), std::vector<int>{5, 9, 2});
     GuardedBuffer<long> slots(dev.get(), std::vector<long>{7, 0, 19});
     LaunchCapture launches;
-    ASSERT_EQ((infer_ops::reshape_and_cache<float16, long>(dev.get(), k.data(), v.data(), kc.data(), vc.data(),
+    ASSERT_EQ((infer_ops::reshape_and_cache<float16, long>(dev.get(), k.data(), k.data(), kc.data(), kc.data(),
                                                            slots.data(), 3, 5, 2, 8, 4, 4)),
               0);
     // The caller's device copy of the lod is used as it is; the others are uploaded.
     const VectorParam<int> lod{kLod, 3, lod_tsu.data()}, starts{kStarts, 2}, rows{kRows, 2};
     lod_tsu.upload({0, 2, 3});
     ASSERT_EQ((infer_ops::reshape_and_cached_lod<float16, float16, int>(
-                  dev.get(), k.data(), v.data(), kc.data(), vc.data(), table.data(), lod, starts, rows, 2, 2, 8, 3, 4,
+                  dev.get(), k.data(), k.data(), kc.data(), kc.data(), table.data(), lod, starts, rows, 2, 2, 8, 3, 4,
                   2, "BHLD", "HLD", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr)),
               0);
-    const auto r = launches.records();
-    ASSERT_EQ(r.size(), 2u);
-    EXPECT_EQ(r[0].kernel.rfind("tsu3::infer_reshape_and_cache<float16, long>(", 0), 0u) << r[0].kernel;
-    EXPECT_EQ(r[0].nclusters, 3);
-    EXPECT_EQ(r[0].ncores, 64);
-    using Rac = Args<decltype(tsu3::__device_stub__infer_reshape_and_cache<float16, long>)>;
-    EXPECT_EQ(LaunchCapture::arg<const long*>(r[0], Rac::at[4]), slots.data());
-    const int sizes[] = {3, 2, 8, 4, 4};  // every size but num_blocks, as int
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(LaunchCapture::arg<int>(r[0], Rac::at[5 + i]), sizes[i]);
-    EXPECT_EQ(r[1].kernel.rfind("tsu3::reshape_cached_kv_v2_gmx<float16, float16, int, 0, 0>(", 0), 0u) << r[1].kernel;
-    EXPECT_EQ(r[1].nclusters, 2);
-    EXPECT_EQ(r[1].ncores, 8);
-    using Lod = Args<decltype(tsu3::__device_stub__reshape_cached_kv_v2_gmx<float16, float16, int, 0, 0>)>;
-    EXPECT_EQ(LaunchCapture::arg<const int*>(r[1], Lod::at[5]), lod_tsu.data());
-    EXPECT_NE(LaunchCapture::arg<const int*>(r[1], Lod::at[6]), nullptr);
-    EXPECT_NE(LaunchCapture::arg<const int*>(r[1], Lod::at[6]), kStarts);
-    expect_longs(r[1], Lod::at, 8, {2, 2, 8, 3, 4, 2});
-
-    // The stores: one cluster launch each, every size but num_tokens for the slot-major one.
-    GuardedBuffer<int> ids(dev.get(), std::vector<int>{1, 0, 0, 3, 0, 2, 3}), sm(dev.get(), std::vector<int>{5, 9, 2});
-    LaunchCapture stores;
     ASSERT_EQ((infer_ops::store_kv_cache<float16, float16>(dev.get(), k.data(), nullptr, kc.data(), nullptr, ids.data(),
                                                            ids.data() + 2, ids.data() + 4, nullptr, nullptr, 2, 3, 3, 4,
                                                            1, 64)),
@@ -191,31 +166,35 @@ TEST(CacheFrame, KernelsGridsAndArguments) {
     ASSERT_EQ((infer_ops::store_paged_kv_cache<float16, float16>(dev.get(), k.data(), nullptr, kc.data(), nullptr,
                                                                  sm.data(), nullptr, nullptr, 3, 2, 64, 5, 4)),
               0);
-    const auto s = stores.records();
-    ASSERT_EQ(s.size(), 2u);
-    EXPECT_EQ(s[0].kernel.rfind("tsu3::store_kv_cache<float16, float16>(", 0), 0u) << s[0].kernel;
-    EXPECT_EQ(s[1].kernel.rfind("tsu3::store_paged_kv_cache<float16, float16>(", 0), 0u) << s[1].kernel;
-    using Kv = Args<decltype(tsu3::__device_stub__store_kv_cache<float16, float16>)>;
-    using Pg = Args<decltype(tsu3::__device_stub__store_paged_kv_cache<float16, float16>)>;
-    expect_longs(s[0], Kv::at, 9, {2, 3, 4, 1, 64});
-    expect_longs(s[1], Pg::at, 7, {3, 2, 64, 5, 4});
-    for (const auto& l : s) {
-        EXPECT_EQ(l.nclusters, 3);
-        EXPECT_EQ(l.ncores, 64);
+    const auto r = launches.records();
+    ASSERT_EQ(r.size(), 4u);
+    const char* kernels[] = {"tsu3::infer_reshape_and_cache<float16, long>(",
+                             "tsu3::reshape_cached_kv_v2_gmx<float16, float16, int, 0, 0>(",
+                             "tsu3::store_kv_cache<float16, float16>(", "tsu3::store_paged_kv_cache<float16, float16>("};
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(r[i].kernel.rfind(kernels[i], 0), 0u) << r[i].kernel;
+        EXPECT_EQ(r[i].nclusters, i == 1 ? 2 : 3) << r[i].kernel;
+        EXPECT_EQ(r[i].ncores, i == 1 ? 8 : 64) << r[i].kernel;
     }
+    using Rac = Args<decltype(tsu3::__device_stub__infer_reshape_and_cache<float16, long>)>;
+    EXPECT_EQ(Rac::at<const long*>(r[0], 4), slots.data());
+    Rac::expect<int>(r[0], 5, {3, 2, 8, 4, 4});  // every size but num_blocks, as int
+    using Lod = Args<decltype(tsu3::__device_stub__reshape_cached_kv_v2_gmx<float16, float16, int, 0, 0>)>;
+    EXPECT_EQ(Lod::at<const int*>(r[1], 5), lod_tsu.data());
+    EXPECT_NE(Lod::at<const int*>(r[1], 6), nullptr);
+    EXPECT_NE(Lod::at<const int*>(r[1], 6), kStarts);
+    Lod::expect<long>(r[1], 8, {2, 2, 8, 3, 4, 2});
+    // Every size but num_tokens for the slot-major store.
+    Args<decltype(tsu3::__device_stub__store_kv_cache<float16, float16>)>::expect<long>(r[2], 9, {2, 3, 4, 1, 64});
+    Args<decltype(tsu3::__device_stub__store_paged_kv_cache<float16, float16>)>::expect<long>(r[3], 7, {3, 2, 64, 5, 4});
 }
 
 TEST(CacheFrame, CatalogueCarriesEveryInstance) {
-    std::map<std::string, int> count, gmx;
-    for (const auto& k : infer_ops::kernel_catalogue()) {
-        ++count[k.family];
-        gmx[k.family] += static_cast<int>(k.engine);
-    }
-    EXPECT_EQ(count["infer_reshape_and_cache"], 6);
-    EXPECT_EQ(count["reshape_cached_kv_v2_gmx"], 4);
-    EXPECT_EQ(gmx["reshape_cached_kv_v2_gmx"], 4);
-    EXPECT_EQ(count["store_kv_cache"], 4);
-    EXPECT_EQ(count["store_paged_kv_cache"], 4);
+    expect_families({{"infer_reshape_and_cache", 6}, {"reshape_cached_kv_v2_gmx", 4}, {"store_kv_cache", 4},
+                     {"store_paged_kv_cache", 4}});
+    int gmx = 0;  // engine 1
+    for (const auto& k : infer_ops::kernel_catalogue()) gmx += k.family == "reshape_cached_kv_v2_gmx" && k.engine == 1;
+    EXPECT_EQ(gmx, 4);
 }
 
 // reshape_and_cache returns success for device types without a path; the
@@ -265,8 +244,9 @@ TEST(CacheFrame, BadCalls) {
          {"device type 5 does nothing", 0, DeviceType::TSU5, 3, 8, 4, 0, 0, {}, 0, nullptr, {}},
          {"launch fails", 0, dev, 3, 8, 4, 0, 0, config, 2, "kernel_fail", {"7"}}});
     // reshape_and_cached_lod: m is head_dim, n block_size, param the variant.
+    const wrapper_test::Call lod = [](Context* c, void* const* p, long m, long n, double v) { return by_table(c, p, m, n, v); };
     wrapper_test::expect_failures(
-        {by_table}, {2, 3, 5},
+        {lod}, {2, 3, 5},
         {{"lod length", 0, dev, 8, 4, 1, 0, 0, {}, 1, "compare_fail", {"2", "==", "3"}},
          {"start_tokens length and layout: the length first", 0, dev, 8, 4, 4, 0, 0, {}, 1, "compare_fail",
           {"1", "==", "2"}},
@@ -288,47 +268,35 @@ TEST(CacheFrame, BadCalls) {
          {"device type 2 takes the device path", 0, DeviceType::TSU2, 8, 4, 0, 0, 0, config, 2, "kernel_fail", {"7"}},
          {"device type 1", 0, DeviceType::TSU1, 8, 4, 0, -1, t1, {}, 4, "unimplement", {"1"}},
          {"device type 4", 0, DeviceType::TSU4, 8, 4, 0, 0, 0, {}, 4, "unimplement", {"4"}},
-         {"null context", 0, wrapper_test::kNoContext, 8, 4, 0, 0, 0, {}, 1, nullptr, {}}});
+         {"null context", 0, wrapper_test::kNoContext, 8, 4, 0, 0, 0, {}, 1, nullptr, {}},
+         {"4-bit caches only refuse, host", 0, host, 8, 4, 9, 0, 0, {}, 4, "unimplement", {}},
+         {"4-bit caches only refuse, device", 0, dev, 8, 4, 10, 0, 0, {}, 4, "unimplement", {}},
+         {"4-bit caches: null context", 0, wrapper_test::kNoContext, 8, 4, 9, 0, 0, {}, 1, nullptr, {}}});
 }
 
 // The head-block limit is the device's: the host stores such blocks. 4-bit
-// caches only refuse, with nothing traced.
-TEST(CacheFrame, HostStoresBlocksPastTheDeviceLimitAndFourBitCachesRefuse) {
+// caches refuse before any frame step, with nothing traced.
+TEST(CacheFrame, HostStoresBlocksPastTheDeviceLimitAndFourBitCachesDoNothing) {
     const long D = 128, bs = 1024;
-    for (auto dev : {DeviceType::CPU, DeviceType::TSU3}) {
-        auto ctx = make_context(dev, {.debug_flags = 1});
-        GuardedBuffer<float16> k(ctx.get(), inputs<float16>(3, D, 1)), c(ctx.get(), bs * D);
-        GuardedBuffer<int> table(ctx.get(), std::vector<int>{0});
-        const VectorParam<int> lod{kShortLod, 2}, starts{kStarts, 1}, rows{kRows + 1, 1};
-        LogCapture logs;
-        TraceCapture traces;
-        const int st = infer_ops::reshape_and_cached_lod<float16, float16, int>(
-            ctx.get(), k.data(), k.data(), c.data(), c.data(), table.data(), lod, starts, rows, 1, 1, D, 1, bs, 1,
-            "BLHD", "HLD", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
-        EXPECT_EQ(st, dev == DeviceType::CPU ? 0 : 1);
-        const auto f = logs.failures();
-        if (dev == DeviceType::CPU) {
-            EXPECT_TRUE(f.empty());
-            const auto out = c.download();
-            EXPECT_EQ(out[(1 + 2) * D + 5].x, k.download()[2 * D + 5].x) << "position 1 + 2 holds token 2";
-        } else {
-            ASSERT_EQ(f.size(), 1u);
-            EXPECT_EQ(f[0].fields, (std::vector<std::string>{"262144", "<=", std::to_string(kMaxBytes)}));
-        }
-        LogCapture refusals;
-        TraceCapture none;
-        EXPECT_EQ((infer_ops::reshape_and_cached_lod<float16, int4_t, int>(
-                      ctx.get(), k.data(), k.data(), nullptr, nullptr, table.data(), lod, starts, rows, 1, 1, D, 1, bs,
-                      1, "BLHD", "HLD", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr)),
-                  4);
-        EXPECT_EQ((infer_ops::reshape_and_cached_lod<float16, uint4_t, int>(
-                      nullptr, k.data(), k.data(), nullptr, nullptr, table.data(), lod, starts, rows, 1, 1, D, 1, bs,
-                      1, "BLHD", "HLD", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr)),
-                  1);
-        EXPECT_EQ(refusals.records().size(), 1u);
-        EXPECT_EQ(refusals.count("unimplement"), 1u);
-        EXPECT_EQ(none.size(), 0u);
-    }
+    auto host = host_context();
+    auto dev = device_context({.debug_flags = 1});
+    GuardedBuffer<float16> k(host.get(), activations<float16>(3 * D, D, 1)), c(host.get(), bs * D);
+    GuardedBuffer<int> table(host.get(), std::vector<int>{0});
+    const int three[] = {0, 3};
+    const VectorParam<int> lod{three, 2}, starts{kStarts, 1}, rows{kRows + 1, 1};
+    const auto call = [&](Context* ctx, auto* cache) {
+        return infer_ops::reshape_and_cached_lod<float16, std::remove_pointer_t<decltype(cache)>, int>(
+            ctx, k.data(), k.data(), cache, cache, table.data(), lod, starts, rows, 1, 1, D, 1, bs, 1, "BLHD", "HLD",
+            nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+    };
+    LogCapture logs;
+    TraceCapture traces;
+    EXPECT_EQ(call(host.get(), c.data()), 0);
+    EXPECT_EQ(c.download()[(1 + 2) * D + 5].x, k.download()[2 * D + 5].x) << "position 1 + 2 holds token 2";
+    EXPECT_EQ(call(dev.get(), static_cast<int4_t*>(nullptr)), infer_ops::STATUS_UNIMPLEMENTED);
+    ASSERT_EQ(logs.failures().size(), 1u);
+    EXPECT_EQ(logs.failures()[0].kind, "unimplement");
+    EXPECT_EQ(traces.size(), 0u);
 }
 
 }  // namespace

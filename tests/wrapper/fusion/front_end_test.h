@@ -1,82 +1,33 @@
-// What the front-end tests share: sequences laid into a paged cache through
-// a shuffled block table, the tensors of one call in a context's memory,
-// and the front ends written out from their definition (split, the
-// adjacent-pairs rotation of vsl_model.h, the cache forms) to compare with.
+// What the front-end tests add to kv_batch.h: the front ends written out
+// from their definition (split, the adjacent-pairs rotation of vsl_model.h,
+// the cache forms) to compare with.
 //
 // Includers compile with floating contraction off.
 #pragma once
 
-#include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <cstring>
-#include <numeric>
-#include <random>
 #include <type_traits>
 #include <vector>
 
 #include "frame/quant_rules.h"
-#include "support/tsuops_test.h"
-#include "wrapper/cache/cache_test.h"
+#include "wrapper/kv_batch.h"
 #include "wrapper/rope/vsl_model.h"
 
 namespace front_end_test {
 
-using namespace orvane::tsu::api;
-using namespace tsuops_test;
+using namespace kv_batch;
 
 template <class X, class R, class C, class S>
-struct Form {
+struct Form : kv_batch::Form<X, R, C, S> {
     using TX = X;
     using TR = R;
     using TC = C;
     using TS = S;
 };
-struct FormNames {
-    template <class F>
-    static std::string GetName(int) {
-        const auto name = [](auto* p) -> std::string {
-            using T = std::remove_pointer_t<decltype(p)>;
-            if constexpr (std::is_same_v<T, int4_t>) return "int4";
-            else return type_name<T>();
-        };
-        return name((typename F::TX*)nullptr) + "_" + name((typename F::TR*)nullptr) + "_" +
-               name((typename F::TC*)nullptr) + "_" + name((typename F::TS*)nullptr);
-    }
-};
 
-// Sequences b of lens[b] new tokens at positions starts[b] onwards, in
-// block-table row rows[b]. Rows and blocks are shuffled and some rows left
-// unused; the cache holds exactly max_batch * max_blocks_per_seq blocks, as
-// the operators take it.
-struct Batch {
-    std::vector<int> lod, starts, rows, table;
-    long max_batch = 0, max_blocks_per_seq = 1;
-
-    long batch() const { return static_cast<long>(starts.size()); }
-    long tokens() const { return lod.back(); }
-    long blocks() const { return max_batch * max_blocks_per_seq; }
-};
-
-inline Batch make_batch(std::uint64_t seed, long block_size, const std::vector<int>& lens,
-                        const std::vector<int>& starts) {
-    std::mt19937 rng(static_cast<unsigned>(seed));
-    Batch s{{0}, starts, {}, {}, static_cast<long>(lens.size()) + 2, 1};
-    for (std::size_t b = 0; b < lens.size(); ++b) {
-        s.lod.push_back(s.lod.back() + lens[b]);
-        s.max_blocks_per_seq = std::max(s.max_blocks_per_seq, (starts[b] + lens[b] + block_size - 1) / block_size);
-    }
-    std::vector<int> rows(static_cast<std::size_t>(s.max_batch));
-    s.table.resize(static_cast<std::size_t>(s.blocks()));
-    std::iota(s.table.begin(), s.table.end(), 0);
-    std::iota(rows.begin(), rows.end(), 0);
-    std::shuffle(s.table.begin(), s.table.end(), rng);
-    std::shuffle(rows.begin(), rows.end(), rng);
-    s.rows.assign(rows.begin(), rows.begin() + static_cast<long>(lens.size()));
-    return s;
-}
-
-// Heads, table and cache shape of a call.
+// Heads, table and cache shape of a call. The cache holds exactly
+// max_batch * max_blocks_per_seq blocks, as the operators take it.
 struct Shape {
     long q_heads, kv_heads, head_dim, block_size, rope_batch, rope_max_seqlen;
     bool half;
@@ -86,18 +37,6 @@ struct Shape {
 
 // Which scale tensors a call passes.
 enum class Scales { none, per_head, per_channel, per_channel_no_zero, per_channel_key_zero };
-
-using cache_test::random_bytes;
-using cache_test::raw;
-
-// qkv rows of a few units with every kind of special value, or, by flavour,
-// a large common offset or constant rows.
-template <class T>
-std::vector<T> activations(long n, std::uint64_t seed) {
-    if (seed % 3 == 1) return random_tensor<T>(n, seed, RandomSpec::range(200, 203));
-    if (seed % 3 == 2) return std::vector<T>(static_cast<std::size_t>(n), T(1.375f));
-    return random_tensor<T>(n, seed, RandomSpec::with_specials(0.02, kFloatSpecials).in(-3, 3));
-}
 
 // ---- the cache forms written out ----------------------------------------------------------------
 inline int rne_clamped(float v, float lo, float hi) {
@@ -123,7 +62,13 @@ void per_head_row(const T* x, signed char* y, long d, const float* s) {
 template <class TX>
 struct Result {
     std::vector<TX> q, k, v;
-    std::vector<unsigned char> k_cache, v_cache;
+    Bytes k_cache, v_cache;
+    // The caches and q_emb, then k_emb and v_out where the call gives them.
+    std::vector<Bytes> bytes(bool outputs = true) const {
+        std::vector<Bytes> out = {k_cache, v_cache, raw(q)};
+        if (outputs) out.insert(out.end(), {raw(k), raw(v)});
+        return out;
+    }
 };
 
 // The scale tensors as floats: inverse scales per head, multipliers and zero

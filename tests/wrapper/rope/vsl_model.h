@@ -7,7 +7,6 @@
 
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <limits>
 #include <type_traits>
 #include <utility>
@@ -105,14 +104,6 @@ std::vector<T> neox(const std::vector<T>& x, const std::vector<TR>& table, const
         }
     }
     return y;
-}
-
-// Raw bits, so that NaN patterns and signed zeros compare too.
-template <class T>
-std::vector<std::uint32_t> bits(const std::vector<T>& v) {
-    std::vector<std::uint32_t> out(v.size());
-    for (std::size_t i = 0; i < v.size(); ++i) std::memcpy(&out[i], &v[i], sizeof(T));
-    return out;
 }
 
 }  // namespace vsl_model
