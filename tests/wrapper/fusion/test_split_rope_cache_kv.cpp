@@ -442,7 +442,9 @@ struct Fault {
     bool checked = false;  // a checksum level on, so that the block table is checked
 };
 
-void expect_faults(const std::function<int(Context*, const Args&)>& call, const std::vector<Fault>& rows) {
+// `base` applies to every row before the row's own change.
+void expect_faults(const std::function<int(Context*, const Args&)>& call, void (*base)(Args&),
+                   const std::vector<Fault>& rows) {
     constexpr long kFloats = 1 << 16;
     const Ptr outputs[] = {kQEmb, kKEmb, kVOut, kKCache, kVCache};
     for (const Fault& f : rows) {
@@ -453,8 +455,9 @@ void expect_faults(const std::function<int(Context*, const Args&)>& call, const 
         auto ctx = f.dev == wrapper_test::kNoContext ? nullptr
                    : f.dev == DeviceType::TSU3        ? device_context({.ncluster = 1, .debug_flags = f.checked ? 0x10u : 0u})
                                                       : make_context(f.dev);
+        const auto change = [&](Args& a) { base(a), f.change ? f.change(a) : void(); };
         Args a;
-        f.change(a);
+        change(a);
         std::vector<GuardedBuffer<float>> b;
         for (int i = 0; i < kPtrs; ++i) b.emplace_back(owner.get(), std::vector<float>(kFloats, 0.5f));
         std::vector<int> table(a.table);
@@ -463,7 +466,7 @@ void expect_faults(const std::function<int(Context*, const Args&)>& call, const 
                                                  reinterpret_cast<const float*>(table.data()) + kFloats));
         Args given = a;
         for (int i = 0; i < kPtrs; ++i) given.p[i] = b[i].data();
-        f.change(given);  // again, now that the pointers are set: a row may null or move one
+        change(given);  // again, now that the pointers are set: a row may null or move one
         for (Ptr o : outputs) b[o].fill_sentinel();
         LogCapture logs;
         TraceCapture quiet;
@@ -508,44 +511,41 @@ TEST(FrontEndFailure, DecoderStatusLogAndNothingWritten) {
             at<float>(a, kKZ), at<float>(a, kVZ), a.per_channel);
     };
     const auto cpu = DeviceType::CPU, dev = DeviceType::TSU3;
-    const auto no_zero = [](Args& a) { a.p[kKZ] = a.p[kVZ] = kNull; };
-    const auto with = [no_zero](std::function<void(Args&)> f) {
-        return [no_zero, f](Args& a) { no_zero(a), f(a); };
-    };
     const std::string styles = "HALF_HEAD_DIM or NORMAL";
     const long max_batch = fe::kDecoderMaxBatch;
-    expect_faults(call, {
-        {"too many sequences", dev, with([=](Args& a) { a.batch = max_batch + 1; }), 1, "compare_fail", {"1025", "<=", "1024"}},
-        {"no sequences", cpu, with([](Args& a) { a.batch = 0; }), 1, "compare_fail", {"0", ">", "0"}},
-        {"key heads below -1", cpu, with([](Args& a) { a.kv_heads = -2; }), 1, "compare_fail", {"-2", ">", "0"}},
-        {"lengths of another batch", dev, with([](Args& a) { a.lens = {1}; }), 1, "compare_fail", {"1", "==", "2"}},
-        {"a length without its new token", cpu, with([](Args& a) { a.lens = {1, 0}; }), 1, "compare_fail", {"0", ">=", "1"}},
-        {"null qkv", dev, with([](Args& a) { a.p[kQkv] = kNull; }), 1, "invalid_memory", {}},
-        {"q_emb outside device memory", dev, with([](Args& a) { a.p[kQEmb] = reinterpret_cast<void*>(kNowhere); }), 1,
+    const auto no_zero = [](Args& a) { a.p[kKZ] = a.p[kVZ] = kNull; };
+    expect_faults(call, no_zero, {
+        {"too many sequences", dev, [=](Args& a) { a.batch = max_batch + 1; }, 1, "compare_fail", {"1025", "<=", "1024"}},
+        {"no sequences", cpu, [](Args& a) { a.batch = 0; }, 1, "compare_fail", {"0", ">", "0"}},
+        {"key heads below -1", cpu, [](Args& a) { a.kv_heads = -2; }, 1, "compare_fail", {"-2", ">", "0"}},
+        {"lengths of another batch", dev, [](Args& a) { a.lens = {1}; }, 1, "compare_fail", {"1", "==", "2"}},
+        {"a length without its new token", cpu, [](Args& a) { a.lens = {1, 0}; }, 1, "compare_fail", {"0", ">=", "1"}},
+        {"null qkv", dev, [](Args& a) { a.p[kQkv] = kNull; }, 1, "invalid_memory", {}},
+        {"q_emb outside device memory", dev, [](Args& a) { a.p[kQEmb] = reinterpret_cast<void*>(kNowhere); }, 1,
          "invalid_memory", {}},
-        {"k_emb without v_out", cpu, with([](Args& a) { a.p[kVOut] = kNull; }), 1, "compare_fail", {"0", "==", "1"}},
-        {"a block of a new token missing, checked", dev, with([](Args& a) { a.table = {-1, 0}; }), 1, "compare_fail",
+        {"k_emb without v_out", cpu, [](Args& a) { a.p[kVOut] = kNull; }, 1, "compare_fail", {"0", "==", "1"}},
+        {"a block of a new token missing, checked", dev, [](Args& a) { a.table = {-1, 0}; }, 1, "compare_fail",
          {"-1", ">=", "0"}, std::nullopt, true},
-        {"unknown table style", dev, with([](Args& a) { a.style = "ROTATED"; }), 1, "compare_fail", {"ROTATED", "==", styles}},
-        {"null table", cpu, with([](Args& a) { a.p[kTable] = kNull; }), 1, "invalid_memory", {}},
-        {"no inverse scales", dev, with([](Args& a) { a.p[kKS] = kNull; }), 1, "compare_fail", {"ptr(0)", "!=", "nullptr"}},
-        {"BHLD is refused", cpu, with([](Args& a) { a.layout = "BHLD"; }), 1, "compare_fail", {"BHLD", "==", "BLHD"}},
-        {"another cache layout", dev, with([](Args& a) { a.cache_layout = "LHD"; }), 1, "compare_fail", {"LHD", "==", "HLD"}},
-        {"heads past the device's limit", dev, with([](Args& a) { a.head_dim = 192; }), 1, "compare_fail", {"192", "<=", "128"}},
-        {"heads not whole units on the device", dev, with([](Args& a) { a.head_dim = 96; }), 1, "compare_fail", {"32", "==", "0"}},
-        {"more key heads than the device takes", dev, with([](Args& a) { a.kv_heads = fe::kDecoderMaxKvHeads + 1; }), 1,
+        {"unknown table style", dev, [](Args& a) { a.style = "ROTATED"; }, 1, "compare_fail", {"ROTATED", "==", styles}},
+        {"null table", cpu, [](Args& a) { a.p[kTable] = kNull; }, 1, "invalid_memory", {}},
+        {"no inverse scales", dev, [](Args& a) { a.p[kKS] = kNull; }, 1, "compare_fail", {"ptr(0)", "!=", "nullptr"}},
+        {"BHLD is refused", cpu, [](Args& a) { a.layout = "BHLD"; }, 1, "compare_fail", {"BHLD", "==", "BLHD"}},
+        {"another cache layout", dev, [](Args& a) { a.cache_layout = "LHD"; }, 1, "compare_fail", {"LHD", "==", "HLD"}},
+        {"heads past the device's limit", dev, [](Args& a) { a.head_dim = 192; }, 1, "compare_fail", {"192", "<=", "128"}},
+        {"heads not whole units on the device", dev, [](Args& a) { a.head_dim = 96; }, 1, "compare_fail", {"32", "==", "0"}},
+        {"more key heads than the device takes", dev, [](Args& a) { a.kv_heads = fe::kDecoderMaxKvHeads + 1; }, 1,
          "compare_fail", {"65", "<=", "64"}},
-        {"no sequences and a null qkv: the count first", dev, with([](Args& a) { a.batch = 0, a.p[kQkv] = kNull; }), 1,
+        {"no sequences and a null qkv: the count first", dev, [](Args& a) { a.batch = 0, a.p[kQkv] = kNull; }, 1,
          "compare_fail", {"0", ">", "0"}},
         {"k_emb without v_out and a bad style: the pair first", dev,
-         with([](Args& a) { a.p[kVOut] = kNull, a.style = "ROTATED"; }), 1, "compare_fail", {"0", "==", "1"}},
-        {"bad style and a null table: the style first", dev, with([](Args& a) { a.style = "x", a.p[kTable] = kNull; }), 1,
+         [](Args& a) { a.p[kVOut] = kNull, a.style = "ROTATED"; }, 1, "compare_fail", {"0", "==", "1"}},
+        {"bad style and a null table: the style first", dev, [](Args& a) { a.style = "x", a.p[kTable] = kNull; }, 1,
          "compare_fail", {"x", "==", styles}},
-        {"no scratch for the lengths' device copy", dev, with([](Args&) {}), 1, "compare_fail",
+        {"no scratch for the lengths' device copy", dev, {}, 1, "compare_fail",
          {"ptr(0)", "!=", "nullptr"}, tsuemu::Site::PoolAlloc},
-        {"the launch fails", dev, with([](Args&) {}), 2, "kernel_fail", {"7"}, tsuemu::Site::Config},
-        {"device type 2 has no path", DeviceType::TSU2, with([](Args&) {}), 4, "unimplement", {}},
-        {"no context", wrapper_test::kNoContext, with([](Args&) {}), 1, nullptr, {}}});
+        {"the launch fails", dev, {}, 2, "kernel_fail", {"7"}, tsuemu::Site::Config},
+        {"device type 2 has no path", DeviceType::TSU2, {}, 4, "unimplement", {}},
+        {"no context", wrapper_test::kNoContext, {}, 1, nullptr, {}}});
 }
 
 TEST(FrontEndFailure, EncoderStatusLogAndNothingWritten) {
@@ -560,49 +560,46 @@ TEST(FrontEndFailure, EncoderStatusLogAndNothingWritten) {
             at<bfloat16>(a, kKZ), at<bfloat16>(a, kVZ));
     };
     const auto cpu = DeviceType::CPU, dev = DeviceType::TSU3;
-    const auto per_head = [](Args& a) { a.p[kKS] = a.p[kVS] = a.p[kKZ] = a.p[kVZ] = kNull; };
-    const auto with = [per_head](std::function<void(Args&)> f) {
-        return [per_head, f](Args& a) { per_head(a), f(a); };
-    };
     const std::string styles = "HALF_HEAD_DIM or NORMAL";
     const long max_batch = fe::kEncoderMaxBatch;
-    expect_faults(call, {
-        {"a lod of one entry", cpu, with([](Args& a) { a.lod = {0}; }), 1, "compare_fail", {"1", ">=", "2"}},
-        {"too many sequences", dev, with([=](Args& a) { a.lod = lod_of(max_batch + 1); }), 1, "compare_fail",
+    const auto per_head = [](Args& a) { a.p[kKS] = a.p[kVS] = a.p[kKZ] = a.p[kVZ] = kNull; };
+    expect_faults(call, per_head, {
+        {"a lod of one entry", cpu, [](Args& a) { a.lod = {0}; }, 1, "compare_fail", {"1", ">=", "2"}},
+        {"too many sequences", dev, [=](Args& a) { a.lod = lod_of(max_batch + 1); }, 1, "compare_fail",
          {"513", "<=", "512"}},
-        {"heads past the limit", cpu, with([](Args& a) { a.head_dim = fe::kEncoderMaxHeadDim + 64; }), 1, "compare_fail",
+        {"heads past the limit", cpu, [](Args& a) { a.head_dim = fe::kEncoderMaxHeadDim + 64; }, 1, "compare_fail",
          {"576", "<=", "512"}},
-        {"heads not whole units", dev, with([](Args& a) { a.head_dim = 96; }), 1, "compare_fail", {"32", "==", "0"}},
-        {"no tokens", dev, with([](Args& a) { a.lod = {0, 0, 0}; }), 1, "compare_fail", {"0", ">", "0"}},
-        {"start tokens of another batch", cpu, with([](Args& a) { a.starts = {1}; }), 1, "compare_fail", {"1", "==", "2"}},
-        {"a negative start", dev, with([](Args& a) { a.starts = {-1, 0}; }), 1, "compare_fail", {"-1", ">=", "0"}},
-        {"null k_emb", dev, with([](Args& a) { a.p[kKEmb] = kNull; }), 1, "invalid_memory", {}},
+        {"heads not whole units", dev, [](Args& a) { a.head_dim = 96; }, 1, "compare_fail", {"32", "==", "0"}},
+        {"no tokens", dev, [](Args& a) { a.lod = {0, 0, 0}; }, 1, "compare_fail", {"0", ">", "0"}},
+        {"start tokens of another batch", cpu, [](Args& a) { a.starts = {1}; }, 1, "compare_fail", {"1", "==", "2"}},
+        {"a negative start", dev, [](Args& a) { a.starts = {-1, 0}; }, 1, "compare_fail", {"-1", ">=", "0"}},
+        {"null k_emb", dev, [](Args& a) { a.p[kKEmb] = kNull; }, 1, "invalid_memory", {}},
         {"a block of the new tokens missing, checked", dev,
-         with([](Args& a) { a.max_blocks_per_seq = 2, a.starts = {15, 0}, a.table = {0, 2, 1, -1}; }), 1,
+         [](Args& a) { a.max_blocks_per_seq = 2, a.starts = {15, 0}, a.table = {0, 2, 1, -1}; }, 1,
          "compare_fail", {"-1", ">=", "0"}, std::nullopt, true},
-        {"unknown table style", cpu, with([](Args& a) { a.style = ""; }), 1, "compare_fail", {"", "==", styles}},
-        {"a value inverse scale missing", dev, with([](Args& a) { a.p[kVInv] = kNull; }), 1, "compare_fail",
+        {"unknown table style", cpu, [](Args& a) { a.style = ""; }, 1, "compare_fail", {"", "==", styles}},
+        {"a value inverse scale missing", dev, [](Args& a) { a.p[kVInv] = kNull; }, 1, "compare_fail",
          {"ptr(0)", "!=", "nullptr"}},
-        {"no inverse scale and no key multiplier: no form", dev, with([](Args& a) { a.p[kKInv] = kNull; }), 4,
+        {"no inverse scale and no key multiplier: no form", dev, [](Args& a) { a.p[kKInv] = kNull; }, 4,
          "unimplement", {}},
         {"key multipliers without value multipliers", cpu,
-         with([](Args& a) { a.p[kKInv] = kNull, a.p[kKS] = a.p[kBlockTable]; }), 1, "compare_fail",
+         [](Args& a) { a.p[kKInv] = kNull, a.p[kKS] = a.p[kBlockTable]; }, 1, "compare_fail",
          {"ptr(0)", "!=", "nullptr"}},
-        {"a key row past its limit", dev, with([](Args& a) { a.kv_heads = 129, a.head_dim = 128, a.block_size = 4; }), 1,
+        {"a key row past its limit", dev, [](Args& a) { a.kv_heads = 129, a.head_dim = 128, a.block_size = 4; }, 1,
          "compare_fail", {"33024", "<=", "32768"}},
-        {"a sequence longer than the table", cpu, with([](Args& a) { a.rope_max_seqlen = 1; }), 1, "compare_fail",
+        {"a sequence longer than the table", cpu, [](Args& a) { a.rope_max_seqlen = 1; }, 1, "compare_fail",
          {"2", "<=", "1"}},
-        {"BHLD is refused", dev, with([](Args& a) { a.layout = "BHLD"; }), 1, "compare_fail", {"BHLD", "==", "BLHD"}},
+        {"BHLD is refused", dev, [](Args& a) { a.layout = "BHLD"; }, 1, "compare_fail", {"BHLD", "==", "BLHD"}},
         {"no tokens and heads not whole units: the heads first", dev,
-         with([](Args& a) { a.lod = {0, 0, 0}, a.head_dim = 96; }), 1, "compare_fail", {"32", "==", "0"}},
+         [](Args& a) { a.lod = {0, 0, 0}, a.head_dim = 96; }, 1, "compare_fail", {"32", "==", "0"}},
         {"bad style and a key row past its limit: the style first", dev,
-         with([](Args& a) { a.style = "x", a.kv_heads = 129, a.head_dim = 128, a.block_size = 4; }), 1,
+         [](Args& a) { a.style = "x", a.kv_heads = 129, a.head_dim = 128, a.block_size = 4; }, 1,
          "compare_fail", {"x", "==", styles}},
-        {"no scratch for the lod's device copy", dev, with([](Args&) {}), 1, "compare_fail", {"ptr(0)", "!=", "nullptr"},
+        {"no scratch for the lod's device copy", dev, {}, 1, "compare_fail", {"ptr(0)", "!=", "nullptr"},
          tsuemu::Site::PoolAlloc},
-        {"the launch fails", dev, with([](Args&) {}), 2, "kernel_fail", {"7"}, tsuemu::Site::Async},
-        {"device type 4 has no path", DeviceType::TSU4, with([](Args&) {}), 4, "unimplement", {}},
-        {"no context", wrapper_test::kNoContext, with([](Args&) {}), 1, nullptr, {}}});
+        {"the launch fails", dev, {}, 2, "kernel_fail", {"7"}, tsuemu::Site::Async},
+        {"device type 4 has no path", DeviceType::TSU4, {}, 4, "unimplement", {}},
+        {"no context", wrapper_test::kNoContext, {}, 1, nullptr, {}}});
 }
 
 TEST(FrontEndFrame, TracesNamesAndTypesAndCarriesEveryInstance) {
