@@ -41,8 +41,8 @@ TYPED_TEST(ReshapeAndCache, EveryHeadRowLandsAtItsSlot) {
             for (long t = 0; t < n; ++t) {
                 const long off = slots[t] % bs, base = slots[t] - off;
                 for (long h = 0; h < H; ++h) {
-                    std::copy_n(&k[(t * H + h) * kd], kd, kc.begin() + base * H * kd + h * bs * kd + off * kd);
-                    std::copy_n(&v[(t * H + h) * vd], vd, vc.begin() + base * H * vd + h * bs * vd + off * vd);
+                    std::copy_n(k.begin() + (t * H + h) * kd, kd, kc.begin() + base * H * kd + h * bs * kd + off * kd);
+                    std::copy_n(v.begin() + (t * H + h) * vd, vd, vc.begin() + base * H * vd + h * bs * vd + off * vd);
                 }
             }
             expect_model({raw(kc), raw(vc)}, [&](Context* ctx) {
