@@ -161,7 +161,7 @@ TSUOPS_HALF_CLONES void widen_half(const float16* src, float* dst, long n) {
 
 TSUOPS_HALF_CLONES void widen_bf16(const bfloat16* src, float* dst, long n) {
     long i = 0;
-    for (; i + 8 <= n; i += 8) store8(dst + i, std::bit_cast<f32x8>(load8(src + i) << 16));
+    for (; i + 8 <= n; i += 8) store8(dst + i, __builtin_bit_cast(f32x8, load8(src + i) << 16));
     for (; i < n; ++i) dst[i] = std::bit_cast<float>(static_cast<std::uint32_t>(src[i].x) << 16);
 }
 

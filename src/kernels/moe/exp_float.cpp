@@ -10,7 +10,10 @@
 // bounds, and sends about one value in 65536 (with its chunk) to the library.
 #pragma GCC optimize("fp-contract=off")
 // Lane helpers are always inlined into the clones, so no vector crosses a
-// call and the default clone's ABI note does not apply.
+// call and the default clone's ABI note does not apply. For the same reason
+// vectors are reinterpreted with __builtin_bit_cast: std::bit_cast is a call
+// in an unoptimised build, and a vector passed to it from the avx2 clone
+// does not survive.
 #pragma GCC diagnostic ignored "-Wpsabi"
 
 #include "kernels/moe/exp_float.h"
@@ -60,13 +63,13 @@ constexpr std::uint32_t kMargin = 1u << 12;
 [[gnu::always_inline]] inline f64x4 approx4(const f64x4& x) {
     const f64x4 t = x * kInvStep + kShifter;
     const f64x4 kf = t - kShifter;
-    const i64x4 k = std::bit_cast<i64x4>(t) - std::bit_cast<std::int64_t>(kShifter);
+    const i64x4 k = __builtin_bit_cast(i64x4, t) - std::bit_cast<std::int64_t>(kShifter);
     const f64x4 r = (x - kf * kStepHi) - kf * kStepLo;
     const f64x4 p =
         1.0 + r * (1.0 + r * (0.5 + r * (0x1.5555555555555p-3 + r * (0x1.5555555555555p-5 + r * 0x1.1111111111111p-7))));
     const i64x4 j = k & (kTableSize - 1);
     const f64x4 tj = {kTable[j[0]], kTable[j[1]], kTable[j[2]], kTable[j[3]]};
-    return (tj * p) * std::bit_cast<f64x4>(((k >> kTableBits) + 1023) << 52);
+    return (tj * p) * __builtin_bit_cast(f64x4, ((k >> kTableBits) + 1023) << 52);
 }
 
 inline float library_exp(float d) { return static_cast<float>(std::exp(static_cast<double>(d))); }
@@ -109,7 +112,7 @@ template <Fn F>
             const i64x4 in_range = (x >= lo) & (x <= hi);
             x = in_range ? x : splat(0.0);
             const f64x4 y = F == Fn::exp ? approx4(x) : 1.0 / (approx4(-x) + 1.0);
-            const i64x4 dropped = std::bit_cast<i64x4>(y) & static_cast<std::int64_t>(kDropped);
+            const i64x4 dropped = __builtin_bit_cast(i64x4, y) & static_cast<std::int64_t>(kDropped);
             slow |= ~in_range | ((dropped >= near_below) & (dropped <= near_above));
             const f32x4 f = __builtin_convertvector(y, f32x4);
             std::memcpy(out + g, &f, sizeof f);
