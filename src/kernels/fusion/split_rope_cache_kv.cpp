@@ -352,17 +352,7 @@ TSU_ENCODER_PC_BODY(qkv_split_rope_reshape_kv_encoder_short_seq_int4, true, (typ
     TSU_KERNEL_INSTANCE(qkv_split_rope_cache_kv_decoder, TX, TR, TC, TS, true)        \
     TSU_KERNEL_INSTANCE(qkv_split_rope_cache_kv_decoder, TX, TR, TC, TS, false)
 TSU_KERNEL_DEFINE(qkv_split_rope_cache_kv_decoder)
-TSU_DECODER_INSTANCES(float16, float, float16, float)
-TSU_DECODER_INSTANCES(float16, float16, float16, float)
-TSU_DECODER_INSTANCES(float16, float, signed char, float)
-TSU_DECODER_INSTANCES(float16, float16, signed char, float)
-TSU_DECODER_INSTANCES(bfloat16, float, bfloat16, float)
-TSU_DECODER_INSTANCES(bfloat16, float16, bfloat16, float)
-TSU_DECODER_INSTANCES(bfloat16, float, signed char, float)
-TSU_DECODER_INSTANCES(bfloat16, float16, signed char, float)
-TSU_DECODER_INSTANCES(bfloat16, float, signed char, bfloat16)
-TSU_DECODER_INSTANCES(bfloat16, float16, signed char, bfloat16)
-TSU_DECODER_INSTANCES(float16, float, int4_t, float16)
+TSU_DECODER_TYPE_LISTS(TSU_DECODER_INSTANCES)
 #undef TSU_DECODER_INSTANCES
 
 // The encoder's plain and per-head forms over its eight (TX, TR, TC).

@@ -40,6 +40,21 @@
       (bool, half_head_dim), (long, group), (bool, per_channel))
 TSU_KERNEL_DECLARE(qkv_split_rope_cache_kv_decoder)
 
+// The decoder's eleven type lists (TX, TR, TC, TS): its kernel instances and
+// the operator's instantiations both come from this one list.
+#define TSU_DECODER_TYPE_LISTS(X)             \
+    X(float16, float, float16, float)         \
+    X(float16, float16, float16, float)       \
+    X(float16, float, signed char, float)     \
+    X(float16, float16, signed char, float)   \
+    X(bfloat16, float, bfloat16, float)       \
+    X(bfloat16, float16, bfloat16, float)     \
+    X(bfloat16, float, signed char, float)    \
+    X(bfloat16, float16, signed char, float)  \
+    X(bfloat16, float, signed char, bfloat16) \
+    X(bfloat16, float16, signed char, bfloat16) \
+    X(float16, float, int4_t, float16)
+
 // The encoder families differ only in their scale pointers.
 #define TSU_ENCODER_ARGS(TX, TR, TC, ...)                                                                         \
     (const TX*, qkv), (const TR*, rotary_pos_emb), (const int*, block_table), (TX*, q_emb), (TX*, k_emb),          \

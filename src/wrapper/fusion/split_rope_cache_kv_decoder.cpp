@@ -251,17 +251,7 @@ int split_rope_cache_kv_decoder(Context* ctx, const TX* qkv, const TR* rotary_po
         Context*, const TX*, const TR*, const int*, TX*, TX*, TX*, TC*, TC*, const VectorParam<int>&,               \
         const VectorParam<int>&, long, long, long, long, long, long, long, long, long, std::string, std::string,    \
         std::string, const TS*, const TS*, const TS*, const TS*, bool);
-TSUOPS_SPLIT_ROPE_CACHE_KV_DECODER(float16, float, float16, float)
-TSUOPS_SPLIT_ROPE_CACHE_KV_DECODER(float16, float16, float16, float)
-TSUOPS_SPLIT_ROPE_CACHE_KV_DECODER(float16, float, signed char, float)
-TSUOPS_SPLIT_ROPE_CACHE_KV_DECODER(float16, float16, signed char, float)
-TSUOPS_SPLIT_ROPE_CACHE_KV_DECODER(bfloat16, float, bfloat16, float)
-TSUOPS_SPLIT_ROPE_CACHE_KV_DECODER(bfloat16, float16, bfloat16, float)
-TSUOPS_SPLIT_ROPE_CACHE_KV_DECODER(bfloat16, float, signed char, float)
-TSUOPS_SPLIT_ROPE_CACHE_KV_DECODER(bfloat16, float16, signed char, float)
-TSUOPS_SPLIT_ROPE_CACHE_KV_DECODER(bfloat16, float, signed char, bfloat16)
-TSUOPS_SPLIT_ROPE_CACHE_KV_DECODER(bfloat16, float16, signed char, bfloat16)
-TSUOPS_SPLIT_ROPE_CACHE_KV_DECODER(float16, float, int4_t, float16)
+TSU_DECODER_TYPE_LISTS(TSUOPS_SPLIT_ROPE_CACHE_KV_DECODER)
 #undef TSUOPS_SPLIT_ROPE_CACHE_KV_DECODER
 
 }  // namespace infer_ops
